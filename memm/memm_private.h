@@ -1,0 +1,166 @@
+// Internal interface of the object-pool family, shared by the files of memm/.
+//
+// Slot layout (every pool):  [ state | reserved | allocfrom ][ object ... ]
+//                             0       4          8            16
+// A slot is `slotsize` bytes, a multiple of 4, so slots (and the words in
+// them) may be only 4-byte aligned: every header word and free link is read
+// and written through memcpy.
+//
+// The descriptor table is pool 0: descriptor i is the object of slot i of
+// pool 0's storage. The table lives in one address range reserved at start-up
+// for the largest possible table (pool ids are 15 bits); enlarging it commits
+// more of that range, so descriptors never move.
+#ifndef MEMM_PRIVATE_H
+#define MEMM_PRIVATE_H
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <atomic>
+
+#include "memm.h"
+
+#define MEMM_INTERNAL __attribute__((visibility("hidden")))
+
+namespace memm_detail {
+
+static_assert(sizeof(memm_objhdr) == MEMM_OBJHDR_SIZE, "object header is 16 bytes");
+static_assert(sizeof(memm_pool_options) == 9 * sizeof(void *), "options record has nine slots");
+
+constexpr uint32_t kHdrSize = MEMM_OBJHDR_SIZE;
+constexpr uint32_t kAllocfromOffset = 8;
+constexpr uint32_t kRefUnit = 1u << MEMM_STATE_REFS_SHIFT;
+// Ids are 15 bits and 0x7FFF is the pool id bits of a free slot's state
+// word, so the table never holds more than 0x7FFF descriptors (ids 0..0x7FFE).
+constexpr uint32_t kMaxTableCapacity = MEMM_STATE_POOLID_MASK;
+constexpr uint32_t kDescSlotSize = (sizeof(memm_pooldesc) + 19) & ~3u;
+static_assert(kDescSlotSize % 8 == 0, "descriptors stay naturally aligned");
+
+// A gc hook that keeps answering "try again" would recurse without bound;
+// after this many retries the allocation fails as if the hook had given up.
+constexpr int32_t kMaxGcAttempts = 64;
+
+// Process-wide state of the family. `table` and `capacity` are written only
+// under the lock (and by memm_init before any other call); the lock-free
+// readers accept a momentary value, hence the relaxed atomics.
+struct Registry {
+    std::atomic<uint8_t *> table{nullptr}; // pool 0's storage; null = not started
+    std::atomic<uint32_t> capacity{0};     // pool 0's alloc_count
+    size_t reserved_bytes = 0;              // address range kept for the table
+    pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    const char *prev_reason = "";           // reason of the last successful lock
+};
+MEMM_INTERNAL extern Registry g_registry;
+
+// ---- header words -------------------------------------------------------
+inline uint32_t hdr_state(const uint8_t *slot) {
+    uint32_t s;
+    memcpy(&s, slot, sizeof s);
+    return s;
+}
+inline void hdr_set_state(uint8_t *slot, uint32_t s) { memcpy(slot, &s, sizeof s); }
+inline void *hdr_allocfrom(const uint8_t *slot) {
+    void *p;
+    memcpy(&p, slot + kAllocfromOffset, sizeof p);
+    return p;
+}
+inline void hdr_set_allocfrom(uint8_t *slot, void *p) { memcpy(slot + kAllocfromOffset, &p, sizeof p); }
+inline uint32_t state_poolid(uint32_t state) { return state & MEMM_STATE_POOLID_MASK; }
+
+inline uint8_t *obj_to_slot(void *obj) { return static_cast<uint8_t *>(obj) - kHdrSize; }
+inline void *slot_to_obj(uint8_t *slot) { return slot + kHdrSize; }
+
+// A free slot links to the next free slot from the first word of its object
+// area. Objects of 1 to 4 bytes have an object area too small for a pointer;
+// their link goes into the (then unused) allocfrom word instead.
+inline size_t free_link_offset(const memm_pooldesc *p) {
+    return p->slotsize >= kHdrSize + sizeof(void *) ? kHdrSize : kAllocfromOffset;
+}
+inline uint8_t *free_link(const memm_pooldesc *p, const uint8_t *slot) {
+    uint8_t *next;
+    memcpy(&next, slot + free_link_offset(p), sizeof next);
+    return next;
+}
+inline void set_free_link(const memm_pooldesc *p, uint8_t *slot, uint8_t *next) {
+    memcpy(slot + free_link_offset(p), &next, sizeof next);
+}
+
+// ---- descriptor table ---------------------------------------------------
+inline uint8_t *desc_slot(uint32_t id) {
+    return g_registry.table.load(std::memory_order_relaxed) + size_t(id) * kDescSlotSize;
+}
+inline memm_pooldesc *desc_at(uint32_t id) { return reinterpret_cast<memm_pooldesc *>(desc_slot(id) + kHdrSize); }
+
+// The descriptor of the pool that `id` names, or null when it names none
+// (out of the table, 0xFFFFFFFF, or a free descriptor slot).
+inline memm_pooldesc *loc_pool(uint32_t id) {
+    if (id >= g_registry.capacity.load(std::memory_order_relaxed))
+        return nullptr;
+    if (hdr_state(desc_slot(id)) == MEMM_STATE_FREE)
+        return nullptr;
+    return desc_at(id);
+}
+inline uint32_t loc_pool_id(const memm_pooldesc *p) {
+    return uint32_t((reinterpret_cast<const uint8_t *>(p) - kHdrSize - desc_slot(0)) / kDescSlotSize);
+}
+
+// Header check: the header's pool id names a pool and the header lies inside
+// that pool's storage. Returns that pool, or null.
+inline memm_pooldesc *loc_header_pool(const uint8_t *slot) {
+    if (!slot)
+        return nullptr;
+    memm_pooldesc *p = loc_pool(state_poolid(hdr_state(slot)));
+    if (!p || slot < p->storage || slot > p->last_slot)
+        return nullptr;
+    return p;
+}
+
+// ---- lock -----------------------------------------------------------------
+MEMM_INTERNAL void loc_lock(const char *reason);
+MEMM_INTERNAL int loc_unlock();
+
+// Holds the global lock for one public entry point.
+class PoolLock {
+  public:
+    explicit PoolLock(const char *reason) { loc_lock(reason); }
+    ~PoolLock() { loc_unlock(); }
+    PoolLock(const PoolLock &) = delete;
+    PoolLock &operator=(const PoolLock &) = delete;
+};
+
+// ---- logging --------------------------------------------------------------
+// Formats into a stack buffer and sends the line to syslog at LOG_DEBUG.
+MEMM_INTERNAL void loc_log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- registry (lock held unless noted) --------------------------------------
+MEMM_INTERNAL uint32_t loc_init_pooldesc(uint32_t capacity);
+MEMM_INTERNAL void loc_initslots(memm_pooldesc *p, uint32_t first);
+MEMM_INTERNAL uint32_t loc__initpool(const char *name, int32_t count, int32_t objsize,
+                                     const memm_pool_options *options, uint32_t root, void *caller);
+
+// ---- allocation and release (lock held) --------------------------------------
+MEMM_INTERNAL uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, bool fromroot);
+MEMM_INTERNAL void *loc_calloc_entry(uint32_t id, bool collect, bool fromroot, void *caller);
+MEMM_INTERNAL uint32_t memm__free(uint8_t *slot, void *caller, bool relock);
+MEMM_INTERNAL void loc_release_slot(memm_pooldesc *p, uint8_t *slot);
+
+// ---- lookup (lock held) ----------------------------------------------------
+// Visits the in-use objects of pool `id` and, unless `single_pool`, of the
+// pools after it in its chain; a callback's 0 ends the current pool only.
+MEMM_INTERNAL uint32_t loc_enum_objects(uint32_t id, memm_enum_fn cb, void *ctx, bool single_pool);
+// The next pool of a chain walk, or null at the chain's end.
+inline memm_pooldesc *loc_next_in_chain(const memm_pooldesc *p) {
+    return p->next_pool ? loc_pool(p->next_pool) : nullptr;
+}
+
+// ---- integrity and reports (lock held) ---------------------------------------
+constexpr size_t kIntegrityMsgSize = 100;
+MEMM_INTERNAL int loc_memm_integrity_check(char *msg);
+MEMM_INTERNAL void loc_memm_dump_stats(const char *prefix, uint32_t number, const char *reason, const char *info);
+MEMM_INTERNAL void loc_handle_list_objects(const char *prefix, int only_tagged, int hide_deleted, const char *reason);
+
+} // namespace memm_detail
+
+#endif

@@ -1,0 +1,140 @@
+// The release core and reference counting.
+#include "memm_private.h"
+
+namespace memm_detail {
+
+// Pushes a slot on its pool's free list (last released, first reused). The
+// object's bytes stay as they were until the slot is taken again.
+void loc_release_slot(memm_pooldesc *p, uint8_t *slot) {
+    p->cur_count--;
+    hdr_set_state(slot, MEMM_STATE_FREE);
+    set_free_link(p, slot, p->free_head);
+    p->free_head = slot;
+    p->free_calls++;
+}
+
+// Drops one holder of the object at `slot`; the last holder runs the pool's
+// release hook and frees the slot. With `relock` (entered through memm_free)
+// the lock is lowered once around a free2_ex hook, so the hook may wait for
+// other threads that need the lock.
+uint32_t memm__free(uint8_t *slot, void *caller, bool relock) {
+    if (!slot)
+        return MEMM_OK;
+    memm_pooldesc *p = loc_header_pool(slot);
+    const uint32_t state = hdr_state(slot);
+    const uint32_t id = state_poolid(state);
+    if (!p || id == MEMM_POOLDESC_POOL) {
+        if (state == MEMM_STATE_FREE)
+            loc_log("memm_free(): double Free");
+        loc_log("[MEMM] memm_free: Attempt to release invalid pointer: %p (poolid = %d) called from %p\r\n",
+                static_cast<void *>(slot), int(id), caller);
+        return MEMM_OK;
+    }
+    if (state > (kRefUnit - 1)) {
+        if (p->ref_cur > 0)
+            hdr_set_state(slot, state - kRefUnit);
+        p->ref_cur--;
+        p->free_calls++;
+        return MEMM_OK;
+    }
+
+    void *obj = slot_to_obj(slot);
+    bool hook_ran = false;
+    if (p->options.free2_ex) {
+        hdr_set_state(slot, state | MEMM_STATE_RELEASING);
+        if (relock)
+            loc_unlock();
+        uint32_t r = p->options.free2_ex(obj, memm_free);
+        if (relock)
+            loc_lock("memm_free");
+        if (r != MEMM_OK) {
+            loc_log("[MEMM] memm_free: free2_ex failed for: %p (poolid = %d) called from %p\r\n",
+                    static_cast<void *>(slot), int(state_poolid(hdr_state(slot))), caller);
+            return MEMM_ERR_HOOK_FAILED;
+        }
+        hook_ran = true;
+    } else if (p->options.free_ex) {
+        uint32_t r = p->options.free_ex(obj);
+        if (r == MEMM_KEEP_OBJECT)
+            return MEMM_OK;
+        if (r != MEMM_OK) {
+            loc_log("[MEMM] memm_free: free_ex failed for: %p (poolid = %d) called from %p\r\n",
+                    static_cast<void *>(slot), int(state_poolid(hdr_state(slot))), caller);
+            return MEMM_ERR_HOOK_FAILED;
+        }
+        hook_ran = true;
+    }
+    if (hook_ran && hdr_state(slot) == MEMM_STATE_FREE) {
+        loc_log("[MEMM] memm_free: Recursive release detected: %p (poolid = %d) called from %p\r\n",
+                static_cast<void *>(slot), int(MEMM_STATE_POOLID_MASK), caller);
+        return MEMM_OK;
+    }
+    loc_release_slot(p, slot);
+    return MEMM_OK;
+}
+
+} // namespace memm_detail
+
+using namespace memm_detail;
+
+namespace {
+
+void *refalloc_nolock(void *obj) {
+    if (!obj)
+        return nullptr;
+    uint8_t *slot = obj_to_slot(obj);
+    const uint32_t state = hdr_state(slot);
+    memm_pooldesc *p = loc_pool(state_poolid(state));
+    if (!p) {
+        loc_log("memm__refalloc() failed (%s)", "invalid object passed");
+        return nullptr;
+    }
+    const uint32_t extra = (state >> MEMM_STATE_REFS_SHIFT) + 1;
+    if (extra > MEMM_MAX_EXTRA_REFS) {
+        loc_log("memm__refalloc() failed (%s)", "too many references for this object");
+        return nullptr;
+    }
+    hdr_set_state(slot, (state & (kRefUnit - 1)) | (extra << MEMM_STATE_REFS_SHIFT));
+    p->ref_cur++;
+    if (p->ref_cur > p->ref_max)
+        p->ref_max = p->ref_cur;
+    memm_pooldesc *p0 = desc_at(0);
+    if (p->ref_cur > p0->ref_max)
+        p0->ref_max = p->ref_cur;
+    return obj;
+}
+
+} // namespace
+
+extern "C" {
+
+uint32_t memm_free(void *obj) {
+    if (!obj)
+        return MEMM_OK;
+    void *caller = __builtin_return_address(0);
+    PoolLock lock("memm_free");
+    return memm__free(obj_to_slot(obj), caller, true);
+}
+
+uint32_t memm_free_nolock(void *obj) {
+    if (!obj)
+        return MEMM_OK;
+    return memm__free(obj_to_slot(obj), __builtin_return_address(0), false);
+}
+
+void *memm_refalloc(void *obj) {
+    PoolLock lock("memm_refalloc");
+    return refalloc_nolock(obj);
+}
+
+void *memm_refalloc_nolock(void *obj) { return refalloc_nolock(obj); }
+
+uint32_t memm_get_refcount(void *obj) {
+    if (!obj)
+        return 0;
+    PoolLock lock("memm_get_refcount");
+    const uint32_t state = hdr_state(obj_to_slot(obj));
+    return loc_pool(state_poolid(state)) ? (state >> MEMM_STATE_REFS_SHIFT) + 1 : 0;
+}
+
+} // extern "C"

@@ -1,0 +1,57 @@
+/* A plain C99 program against the public headers: it compiles as C with
+ * warnings as errors and drives the basic object life cycle. */
+#include <stdio.h>
+#include <string.h>
+
+#include "memm.h"
+
+struct record {
+    int id;
+    char label[12];
+};
+
+static int failures;
+
+#define CHECK(cond)                                                   \
+    do {                                                              \
+        if (!(cond)) {                                                \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
+            failures++;                                               \
+        }                                                             \
+    } while (0)
+
+static uint32_t released;
+
+static uint32_t on_release(void *obj) {
+    (void)obj;
+    released++;
+    return MEMM_OK;
+}
+
+int main(void) {
+    uint32_t pool;
+    struct record *r;
+
+    CHECK(memm_init(8, 0) == MEMM_OK);
+    pool = memm_initpool2("c_records", 4, (int32_t)sizeof(struct record), NULL, on_release);
+    CHECK(pool != MEMM_INVALID_POOL);
+
+    r = (struct record *)memm_calloc(pool);
+    CHECK(r != NULL);
+    if (r) {
+        CHECK(r->id == 0 && r->label[0] == '\0');
+        CHECK(memm_get_poolid(r) == pool);
+        CHECK(memm_isvalidobj(r) == 1);
+        CHECK(memm_refalloc(r) == r);
+        CHECK(memm_get_refcount(r) == 2);
+        CHECK(memm_free(r) == MEMM_OK && released == 0);
+        CHECK(memm_free(r) == MEMM_OK && released == 1);
+        CHECK(memm_isvalidobj(r) == 0);
+    }
+    CHECK(strcmp(memm_get_poolname2(MEMM_POOLDESC_POOL), MEMM_POOLDESC_NAME) == 0);
+
+    if (failures)
+        return 1;
+    puts("C API check passed");
+    return 0;
+}

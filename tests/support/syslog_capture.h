@@ -1,0 +1,30 @@
+// Captures what the library sends to syslog, so tests can check log lines.
+// The test binaries define syslog, vsyslog and their fortified twins, which
+// take precedence over the C library's for calls made from libmemm.so.
+#ifndef MEMM_TEST_SYSLOG_CAPTURE_H
+#define MEMM_TEST_SYSLOG_CAPTURE_H
+
+#include <string>
+#include <vector>
+
+namespace memm_test {
+
+struct LogLine {
+    int priority;
+    std::string text;
+};
+
+std::vector<LogLine> logs();
+std::vector<std::string> log_texts();
+void clear_logs();
+// Number of captured lines equal to `text`.
+size_t log_count(const std::string &text);
+// Number of captured lines that start with `prefix`.
+size_t log_count_prefix(const std::string &prefix);
+
+// printf into a std::string, for building expected lines from their formats.
+std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace memm_test
+
+#endif
