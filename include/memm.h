@@ -208,6 +208,12 @@ MEMM_API uint32_t memm_enum_objects(uint32_t poolid, memm_enum_fn cb, void *ctx)
 MEMM_API uint32_t memm_enum_objects_nolock(uint32_t poolid, memm_enum_fn cb, void *ctx); /* number of in-use objects visited */
 
 /* ================= Statistics reports ================= */
+/* Reports select pools by name prefix: null or "" selects every pool, otherwise
+ * the first strlen(prefix) characters of the name must match. They run the pool
+ * integrity check first and report a fault, then go on. Percentages are
+ * max * 100 / avail in 32-bit signed arithmetic, 0 for an empty pool.
+ * memm_get_stats also rejects an id below the capacity that names no pool (a
+ * free descriptor slot). A null print function prints nothing. */
 MEMM_API uint32_t memm_get_stats(uint32_t poolid, uint32_t *count_cur, uint32_t *count_max,
                                  uint32_t *count_avail);                        /* MEMM_OK or MEMM_ERR_INVALID_ARG */
 MEMM_API uint32_t memm_get_overall_stats(const char *prefix, uint32_t *count_cur, uint32_t *count_max,
@@ -217,6 +223,15 @@ MEMM_API void     memm_print_stats2(const char *prefix, memm_print_fn print);   
 MEMM_API int      memm_print_timestats(const char *prefix);                     /* the mutex-unlock result; report to stdout */
 
 /* ================= Object listings and tagging ================= */
+/* Object lines end in "\n"; listings add "\r\n" around them. A listing with
+ * limit L shows at most the last L + 1 objects in use of each pool (the limit
+ * counts objects before the tag and filter tests). A null print function lists
+ * nothing. Pool 0's print hook writes the pool names to stdout, also when the
+ * listing goes to a file.
+ * Report files (dumps and lists) are appended to, never truncated. Their names
+ * are built in a 64-byte buffer, which the reasons in use always fit; a name
+ * that would not fit is refused with the "Could not open" log line, like a
+ * file that cannot be opened, and never cut. */
 MEMM_API int      memm_printobject2(void *obj, int details, memm_print_fn print); /* the mutex-unlock result */
 MEMM_API int      memm_printobject(void *obj, int details);                       /* the mutex-unlock result; prints to stdout */
 MEMM_API void     memm_print_objects4(const char *prefix, uint32_t options, memm_print_fn print,

@@ -98,7 +98,7 @@ int memm_isvalidobj_ex(void *obj) {
     if (!obj)
         return 0;
     PoolLock lock("memm_isvalidobj_ex");
-    const uint32_t used = desc_at(0)->max_count;
+    const uint32_t used = loc_pool_count();
     for (uint32_t id = 0; id < used; id++) {
         const memm_pooldesc *p = loc_pool(id);
         if (p && is_exact_slot(p, obj))
@@ -159,11 +159,7 @@ void *memm_getpoolcookie_bypoolid(uint32_t poolid) {
     return memm_getpoolcookie_bypoolid_nolock(poolid);
 }
 
-uint32_t memm_get_number_of_pools(void) {
-    if (!g_registry.capacity.load(std::memory_order_acquire))
-        return 0;
-    return desc_at(0)->max_count;
-}
+uint32_t memm_get_number_of_pools(void) { return loc_pool_count(); }
 
 uint32_t *memm_get_currentcount_ptr(uint32_t poolid, uint32_t *base_count, uint32_t *reserve_flag) {
     PoolLock lock("memm_get_currentcount_ptr");

@@ -102,6 +102,11 @@ inline memm_pooldesc *loc_pool(uint32_t id) {
         return nullptr;
     return desc_at(id);
 }
+// Descriptor slots ever used (pool 0's max_count): the walks over all pools
+// visit ids below it. 0 before memm_init, so those walks find nothing.
+inline uint32_t loc_pool_count() {
+    return g_registry.capacity.load(std::memory_order_relaxed) ? desc_at(0)->max_count : 0;
+}
 inline uint32_t loc_pool_id(const memm_pooldesc *p) {
     return uint32_t((reinterpret_cast<const uint8_t *>(p) - kHdrSize - desc_slot(0)) / kDescSlotSize);
 }
@@ -160,6 +165,30 @@ constexpr size_t kIntegrityMsgSize = 100;
 MEMM_INTERNAL int loc_memm_integrity_check(char *msg);
 MEMM_INTERNAL void loc_memm_dump_stats(const char *prefix, uint32_t number, const char *reason, const char *info);
 MEMM_INTERNAL void loc_handle_list_objects(const char *prefix, int only_tagged, int hide_deleted, const char *reason);
+
+// ---- reports, listings and tagging -----------------------------------------
+// A pool is selected when `prefix` is null or empty, or when its name begins
+// with exactly those characters.
+inline bool loc_prefix_selects(const char *prefix, const char *name) {
+    if (!prefix || !*prefix)
+        return true;
+    return name && strncmp(name, prefix, strlen(prefix)) == 0;
+}
+// part x 100 / whole in signed 32-bit arithmetic like every figure of the
+// reports (the product wraps), truncated toward zero; 0 for an empty whole.
+inline int32_t loc_percent(uint32_t part, uint32_t whole) {
+    const int32_t num = int32_t(part * 100u), den = int32_t(whole);
+    if (den == 0)
+        return 0;
+    return den == -1 ? int32_t(0u - uint32_t(num)) : num / den;
+}
+// Report and list files are named in a buffer of this size; a name that does
+// not fit is refused like a file that cannot be opened, never cut.
+constexpr size_t kReportPathSize = 64;
+// The usage table through `print` (nothing when null). Takes the lock.
+MEMM_INTERNAL void loc_print_stats(const char *prefix, memm_print_fn print);
+// The object line of `slot` (null allowed) through `print`. Lock held.
+MEMM_INTERNAL void loc_printobject(uint8_t *slot, int details, memm_print_fn print);
 
 } // namespace memm_detail
 

@@ -49,7 +49,7 @@ bool commit_table(uint32_t capacity) {
 }
 
 bool name_in_use(const char *name) {
-    uint32_t used = desc_at(0)->max_count;
+    uint32_t used = loc_pool_count();
     for (uint32_t id = 0; id < used; id++) {
         memm_pooldesc *p = loc_pool(id);
         if (p && p->name && strcmp(p->name, name) == 0)
