@@ -1,0 +1,196 @@
+#ifndef LLIST_H
+#define LLIST_H
+
+/* Singly linked lists of pool objects.
+ *
+ * A list is a pointer to its first node (null = the empty list); each node is
+ * an object of a node pool (llist_initpool) and holds ONE reference of its
+ * linked object. Functions that may change the first node take `plist`, the
+ * address of the caller's list variable.
+ *
+ * Ownership, by the word in a function's name:
+ *   add, insert, push   the list takes over the caller's reference (addref takes one first)
+ *   delete              node released, one reference of the object released
+ *   remove              node released, the object's reference handed back to the caller
+ *   unlink              node detached only (not released), object untouched
+ *   getandremove, pop   node released, object returned with the list's reference
+ *   getandunlink        node detached and returned (it still holds the object)
+ *   move                node detached from one list and appended to another
+ *
+ * Index: a signed position, 0 = first node; a negative index has the list's
+ * length added once (-1 = last node).
+ * Length: nodes up to, not including, the first node whose linked_obj is null.
+ * Walks by position follow `next` whatever linked_obj holds.
+ *
+ * Releasing a node whose `next` is set releases the nodes behind it too (the
+ * node destructor cascade); releasing a list's first node releases the whole
+ * list and one reference of every linked object.
+ *
+ * Every function takes the library's recursive lock for its whole run, except
+ * the _nolock variants, whose caller must hold it (memm_lock/memm_unlock).
+ * List functions write nothing to the system log; the pool functions that
+ * they call log their own failures.
+ */
+
+#include "memm.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct dynstr; /* defined in dynstr.h; used by llist_enum_dynstr only */
+
+#define LLIST_TYPE_ANY   0xFFFFFFFFu /* type argument: every object (get_bytype, enum_bytype; llist_enumcb_bytype delivers nothing for it) */
+#define LLIST_TYPE_NONE  0u          /* type argument: no object */
+
+/* A list node: an object of a node pool. A list is a pointer to its first node (null = empty).
+ * Nodes may be only 4-byte aligned: slots are a multiple of 4 bytes, and the
+ * extension pools of a full pool have slots 12 bytes longer than their root's
+ * even when the object size is a multiple of 8. Read a node's two fields
+ * through llist_getobject_this / llist_get_next (or memcpy), not through
+ * node->linked_obj / node->next. */
+typedef struct llist_node {
+    void              *linked_obj; /* pool object this node holds one reference of, or null */
+    struct llist_node *next;       /* next node, null in the last */
+} llist_node;
+
+typedef int     (*llist_match_fn)(void *obj, void *key);              /* non-zero: match */
+typedef int32_t (*llist_compare_fn)(void *a, void *b);                /* negative: a goes before b */
+typedef int32_t (*llist_compare_ex_fn)(void *ctx, void *a, void *b);  /* negative: a goes before b */
+typedef int     (*llist_enum_fn)(void *obj, void *ctx);               /* non-zero: go on; 0: stop */
+
+/* ================= Node pools, adding, inserting ================= */
+
+/* Creates a node pool through the pool layer (lock reason "memm_initpool").
+ * The options record is copied; its free_ex is always replaced by the node
+ * destructor, and when it sets neither print nor print2 the internal node
+ * printer becomes print2. Give node pools no free2_ex: it would take
+ * precedence over the destructor and break the ownership rules.
+ * Choice: an objsize below two pointers (sizeof(llist_node)) is refused with
+ * MEMM_INVALID_POOL, without a log line and without creating anything. All
+ * other failures are memm_initpool's (which logs them). */
+MEMM_API uint32_t llist_initpool(const char *name, int32_t count, int32_t objsize,
+                                 const memm_pool_options *options);                    /* node pool id or MEMM_INVALID_POOL; options may be null */
+
+/* Appends obj at the end of *plist in a new node of `pool`; the list takes
+ * over the caller's reference of obj (obj may be null: such a node ends the
+ * list's length).
+ * MEMM_ERR_NO_MEMORY: no node; obj untouched.
+ * MEMM_ERR_INVALID_ARG: plist null; the node allocated for it is released and
+ * with it ONE REFERENCE OF obj (the reference was handed over). */
+MEMM_API uint32_t llist_addobject(llist_node **plist, void *obj, uint32_t pool);        /* result code */
+MEMM_API uint32_t llist_addobject_nolock(llist_node **plist, void *obj, uint32_t pool); /* result code */
+
+/* As llist_addobject, but takes one more reference of obj first, so the
+ * caller keeps its own. When obj cannot take another reference (null, of no
+ * pool, or already at MEMM_MAX_REFS holders) a node with a null linked_obj is
+ * appended and MEMM_OK returned.
+ * Choice: when no node can be allocated (MEMM_ERR_NO_MEMORY) the reference
+ * just taken is given back, so obj's count is as before the call. */
+MEMM_API uint32_t llist_addref(llist_node **plist, void *obj, uint32_t pool);           /* result code */
+
+/* Builds a new list from `pool` that holds one more reference of each linked
+ * object of `list`, node for node and in order (a null linked_obj gives a
+ * node with a null linked_obj). A node that cannot be allocated is skipped,
+ * and the reference taken for it given back. `list` is not changed. */
+MEMM_API llist_node *llist_refalloc(llist_node *list, uint32_t pool);                   /* first node of a new list (null if empty) */
+
+/* Inserts obj in a new node of `pool` so that it stands at `index`: 0 = front,
+ * length = append, -1 = before the last node; an index still negative after
+ * adding the length inserts at the front of a non-empty list. The list takes
+ * over the caller's reference of obj.
+ * MEMM_ERR_NO_MEMORY: no node; obj untouched.
+ * MEMM_ERR_INVALID_ARG: plist null (nothing allocated), or the position lies
+ * beyond the end (an empty list accepts only index 0).
+ * Choice: on a position beyond the end the node allocated for the insert is
+ * released without its object: the list is unchanged, no node leaks, and
+ * obj's reference stays with the caller, untouched. */
+MEMM_API uint32_t llist_insert_at(llist_node **plist, void *obj, int32_t index, uint32_t pool); /* result code */
+/* llist_insert_at with index 0 (lock reason "llist_insert_at"). */
+MEMM_API uint32_t llist_pushobject(llist_node **plist, void *obj, uint32_t pool);       /* result code */
+
+/* ================= Delete / remove / unlink / move ================= */
+
+/* Detaching, common rules. MEMM_ERR_INVALID_ARG, with the list unchanged,
+ * when plist is null, when the list is not empty and its first node fails
+ * memm_isvalidobj_nolock, when the index is still negative after adding the
+ * length or lies at or beyond the end, or (_byobject) when no node holds obj
+ * (pointer equality, so a null obj finds the first node whose linked_obj is
+ * null; only the first such node is affected).
+ * The detached node's `next` is cleared, so releasing it releases that node
+ * and its object only. */
+
+/* Releases the node and one reference of its object; returns the release's
+ * result (MEMM_ERR_HOOK_FAILED from a failing object release: the node has
+ * left the list all the same and stays allocated). */
+MEMM_API uint32_t llist_delete_at(llist_node **plist, int32_t index);       /* result code */
+MEMM_API uint32_t llist_delete_byobject(llist_node **plist, void *obj);     /* result code */
+/* Releases the node; the list's reference of the object goes to the caller. */
+MEMM_API uint32_t llist_remove_at(llist_node **plist, int32_t index);       /* result code */
+MEMM_API uint32_t llist_remove_byobject(llist_node **plist, void *obj);     /* result code */
+/* Detaches the node and leaves it allocated, still holding its object: meant
+ * for a caller that already has the node (llist_get_at, llist_search_byobject)
+ * and releases it with memm_free afterwards. */
+MEMM_API uint32_t llist_unlink_at(llist_node **plist, int32_t index);       /* result code */
+MEMM_API uint32_t llist_unlink_byobject(llist_node **plist, void *obj);     /* result code */
+/* Moves the first node holding obj from *psrc to the end of *pdst; no
+ * reference changes. psrc == pdst moves the node to the end of that list.
+ * Choice: a null pdst returns MEMM_ERR_INVALID_ARG with the source list
+ * unchanged (checked before anything is detached). */
+MEMM_API uint32_t llist_move_byobject(llist_node **psrc, llist_node **pdst, void *obj); /* result code */
+/* Releases the node at index and returns its object with the list's
+ * reference (lock reason "llist_cut_at"); null on any failure, and for a node
+ * whose linked_obj is null (that node is still released). */
+MEMM_API void    *llist_getandremove_at(llist_node **plist, int32_t index);              /* linked object (with the list's reference) or null */
+/* llist_getandremove_at with index 0: null for an empty list. */
+MEMM_API void    *llist_popobject(llist_node **plist);                                   /* first linked object (with the list's reference) or null */
+/* Detaches and returns the node (next = null, still holding its object); the
+ * caller releases it with memm_free, which releases the object's reference too.
+ * Lock reasons "llist_cut_at" / "llist_cut_byobject". */
+MEMM_API llist_node *llist_getandunlink_at(llist_node **plist, int32_t index);           /* detached node or null */
+MEMM_API llist_node *llist_getandunlink_byobject(llist_node **plist, void *obj);         /* detached node or null */
+
+/* ================= Access and search ================= */
+
+/* "Valid" below: passes memm_isvalidobj_nolock (the header check). */
+MEMM_API llist_node *llist_get_first(llist_node *list);                  /* list if it is a valid pool object, else null */
+MEMM_API llist_node *llist_get_next(llist_node *node);                   /* node->next if node is valid, else null */
+/* Null unless the first node is valid; a negative index has the length added
+ * once (null if still negative); then `next` is followed index times, past
+ * nodes with a null linked_obj too; null past the end. */
+MEMM_API llist_node *llist_get_at(llist_node *list, int32_t index);      /* node at index or null */
+MEMM_API llist_node *llist_get_at_nolock(llist_node *list, int32_t index); /* node at index or null */
+MEMM_API void    *llist_getobject_at(llist_node *list, int32_t index);   /* linked object at index or null */
+MEMM_API void    *llist_getobject_this(llist_node *node);                /* node's linked object if node is valid, else null */
+/* Replaces the object of the node at index (found as llist_get_at does):
+ * releases one reference of the old object (a failure of that release is
+ * logged by the pool layer and not reported here) and stores obj, whose
+ * reference the list takes over. MEMM_ERR_INVALID_ARG when there is no node
+ * at index; nothing changes then. */
+MEMM_API uint32_t llist_setobject_at(llist_node *list, void *obj, int32_t index);         /* result code */
+/* The searches walk every node (nodes with a null linked_obj included) and do
+ * not check that nodes are valid pool objects. llist_searchobject calls
+ * match(linked_obj, key); a null match matches nothing. */
+MEMM_API void    *llist_searchobject(llist_node *list, void *key, llist_match_fn match);  /* linked object of the first match, or null */
+MEMM_API llist_node *llist_search_byobject(llist_node *list, void *obj);  /* first node holding obj, or null */
+MEMM_API uint32_t llist_getindex_byobject(llist_node *list, void *obj);   /* index of the first node holding obj, or 0xFFFFFFFF */
+/* Pointer-equality llist_searchobject (lock reason "llist_searchobject"): 0 for a null obj. */
+MEMM_API int      llist_inlist(llist_node *list, void *obj);              /* 1 if a node holds obj, else 0 */
+MEMM_API uint32_t llist_getlength(llist_node *list);                      /* length (up to the first null linked_obj) */
+MEMM_API uint32_t llist_getlength_nolock(llist_node *list);               /* length (up to the first null linked_obj) */
+/* Lock reason "llist_realgetlength". */
+MEMM_API uint32_t llist_getreallength(llist_node *list);                  /* nodes up to the first invalid pool object */
+/* Releases the first node (and through the destructor the whole list and one
+ * reference of every linked object), sets *plist to null in any case and
+ * returns the release's result. The cascade stops at the first object whose
+ * release fails (MEMM_ERR_HOOK_FAILED): the nodes before it are released, the
+ * failing node and those behind it stay allocated and unreachable, and so does
+ * the first node, with its object and a null next.
+ * Choice: a null plist returns MEMM_ERR_INVALID_ARG. */
+MEMM_API uint32_t llist_free_plist(llist_node **plist);                   /* result code of the release; *plist set to null */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LLIST_H */
