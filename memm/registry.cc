@@ -10,10 +10,7 @@
 
 #include "memm_private.h"
 
-#if __has_include("dynstr.h")
 #include "dynstr.h"
-#define MEMM_HAVE_DYNSTR 1
-#endif
 
 namespace memm_detail {
 
@@ -192,12 +189,8 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
     // before memm_init cannot meet an uninitialised lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)
         return MEMM_ERR_NO_MEMORY;
-#ifdef MEMM_HAVE_DYNSTR
     if (dynstr_pool_count)
         return dynstr_init(dynstr_pool_count);
-#else
-    (void)dynstr_pool_count;
-#endif
     return MEMM_OK;
 }
 

@@ -10,10 +10,7 @@
 
 #include "memm_private.h"
 
-#if __has_include("dynstr.h")
 #include "dynstr.h"
-#define MEMM_HAVE_DYNSTR 1
-#endif
 
 namespace memm_detail {
 
@@ -35,13 +32,7 @@ Figures loc_pool_figures(const memm_pooldesc *p) {
 // A string pool (the pools with a gc hook) gets its own check, silently;
 // its result decides whether the report mentions it.
 bool string_pool_sound(uint32_t id, const memm_pooldesc *p) {
-#ifdef MEMM_HAVE_DYNSTR
     return !p->options.gc || dynstr_integrity_check_nolock(id, 0) != 0;
-#else
-    (void)id;
-    (void)p;
-    return true;
-#endif
 }
 
 // Name column: names longer than the column are cut to 22 characters + "...".

@@ -1,0 +1,168 @@
+// The compacting collector of string buffers.
+//
+// Buffer layout and invariants (buffer k of a string pool):
+//  - bytes [0, buf_used) are covered without gaps by the texts, terminators
+//    included, of the records in buffer k's allocation list, in list order,
+//    live and deleted alike; a record covers exactly DYNSTR_SIZE bytes, so
+//    its successor starts at str + DYNSTR_SIZE;
+//  - buf_used is the sum of those sizes, buf_count the list length,
+//    buf_delcount/buf_delbytes the deleted records and their bytes;
+//  - bytes [buf_used, buffersize) are zero, so a text written at the free
+//    position is terminated by the buffer itself;
+//  - buf_firstdel is the lowest deleted record, or null when none is known.
+//
+// One compaction (D = deleted placeholders, a..e = live texts):
+//
+//   before  [a][b][ D ][c][d][D][e][0000000]
+//                  ^ buf_firstdel
+//   after   [a][b][c][d][e][00000000000000]
+//
+// [a][b] lie below the first deleted record and are not touched; the runs
+// [c][d] and [e] move down with one memmove each, and every live record's
+// str drops by the deleted bytes below it.
+//
+// The collector works on buffer (curbuffer + 1) % buffercount and makes it
+// current, so the buffers take turns and each is compacted just before new
+// text goes into it again. It allocates nothing and touches one buffer.
+#include "dynstr_private.h"
+
+namespace dynstr_detail {
+
+namespace {
+
+using memm_detail::loc_log;
+
+// The collector trusts the list but says so when it finds it out of order.
+void check_order(const dynstr *cur, const dynstr *next, uint32_t g) {
+    if (next && next->str < cur->str)
+        loc_log("[DYNSTR] loc_dynstr_gc dynstr->str sort error.");
+    if (loc_getbuffernr(cur) != g)
+        loc_log("[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.");
+    if (next && loc_getbuffernr(next) != g)
+        loc_log("[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.");
+    if (cur->str && strlen(cur->str) + 1 != size_of(cur))
+        loc_log("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.");
+}
+
+// Working state of one compaction walk.
+struct Compaction {
+    char *dst = nullptr;     // where the next run of live texts goes (null: nothing deleted seen yet)
+    char *src = nullptr;     // start of the pending run of live texts
+    uint32_t pending = 0;    // bytes in that run
+    uint32_t shift = 0;      // deleted bytes seen so far
+    uint32_t reclaimed = 0;  // placeholders released
+    bool in_deleted_run = false;
+
+    void move_pending(const char *run_end) {
+        if (uint32_t(run_end - src) != pending) {
+            loc_log("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.");
+            pending = uint32_t(run_end - src);
+        }
+        memmove(dst, src, pending);
+        dst += pending;
+        src = nullptr;
+        pending = 0;
+    }
+};
+
+// Walks buffer g from its first deleted record: releases every placeholder,
+// relinks the survivors and slides each run of live texts down.
+Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
+    Compaction w;
+    dynstr *kept = first_deleted ? first_deleted->prev : nullptr; // last surviving record
+    for (dynstr *cur = first_deleted; cur;) {
+        dynstr *next = cur->next; // read before cur's slot is released
+        check_order(cur, next, g);
+        const uint32_t size = size_of(cur);
+        if (is_deleted(cur)) {
+            w.reclaimed++;
+            if (!w.in_deleted_run) {
+                if (!w.dst)
+                    w.dst = cur->str; // compaction starts at the first dead byte
+                else
+                    w.move_pending(cur->str);
+                w.in_deleted_run = true;
+            }
+            w.shift += size;
+            memm_free_nolock(cur);
+        } else if (w.in_deleted_run) {
+            cur->prev = kept;
+            if (kept)
+                kept->next = cur;
+            else
+                pool->buf_first[g] = cur;
+            kept = cur;
+            w.src = cur->str;
+            w.pending = size;
+            cur->str -= w.shift;
+            w.in_deleted_run = false;
+        } else {
+            kept = cur;
+            w.pending += size;
+            cur->str -= w.shift;
+        }
+        cur = next;
+    }
+    if (w.dst && !w.in_deleted_run) {
+        memmove(w.dst, w.src, w.pending);
+        w.dst += w.pending;
+    }
+    if (w.in_deleted_run) {
+        pool->buf_last[g] = kept;
+        if (kept)
+            kept->next = nullptr;
+    }
+    return w;
+}
+
+} // namespace
+
+void loc_dynstr_gc(dynstr_pooldesc *pool, int reason) {
+    const uint32_t g = (pool->curbuffer + 1) % uint32_t(pool->buffercount);
+    dynstr *first_deleted = pool->buf_firstdel[g];
+    if (pool->calls_since_gc < pool->mincalls)
+        pool->mincalls = pool->calls_since_gc;
+    pool->calls_since_gc = 0;
+    if (pool->buf_first[g] == first_deleted)
+        pool->buf_first[g] = nullptr; // set again at the first survivor
+    pool->fill_sum += pool->buf_used[g] * 100 / uint32_t(pool->buffersize);
+
+    g_family.gc_running = true;
+    const Compaction w = compact(pool, g, first_deleted);
+    if (w.dst) {
+        char *base = pool->buf_base[g];
+        const uint32_t freed = uint32_t(base + pool->buf_used[g] - w.dst);
+        if (pool->buf_delbytes[g] != freed)
+            loc_log("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd bytes (%d->%d).",
+                    int(pool->buf_delbytes[g]), int(freed));
+        if (pool->buf_delcount[g] != w.reclaimed)
+            loc_log("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd dynstr (%d->%d).",
+                    int(pool->buf_delcount[g]), int(w.reclaimed));
+        pool->buf_delcount[g] = 0;
+        pool->buf_delbytes[g] = 0;
+        memset(w.dst, 0, freed);
+        pool->buf_used[g] = uint32_t(w.dst - base);
+        pool->usedbytes -= freed;
+        pool->delbytes -= freed;
+        pool->delcount -= w.reclaimed;
+        pool->gc_ctx += w.reclaimed;
+        pool->gc_bytes += freed;
+    }
+    g_family.gc_running = false;
+    pool->gc_count++;
+    pool->gc_reason[pool->curbuffer][reason]++;
+    pool->curbuffer = g;
+    pool->buf_firstdel[g] = nullptr;
+    pool->ctx_depleted = 0;
+}
+
+int loc_dynstr_gc_hook(void *cookie, int32_t attempt) {
+    auto *pool = static_cast<dynstr_pooldesc *>(cookie);
+    // One collection per buffer and allocation; then the allocation fails.
+    if (attempt >= pool->buffercount)
+        return 0;
+    loc_dynstr_gc(pool, DYNSTR_GC_CTX_DEPLETED);
+    return 1;
+}
+
+} // namespace dynstr_detail

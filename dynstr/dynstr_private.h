@@ -1,0 +1,87 @@
+// Internal interface of the dynamic-string family, shared by the files of
+// dynstr/. Every function here runs with the global lock held and never
+// takes it itself.
+//
+// A record's text is in one of four states:
+//   empty     str null, size 0 (literal bit set once a write settled it)
+//   buffered  literal bit clear; linked, in address order, into the
+//             allocation list of buffer bnr, covering DYNSTR_SIZE bytes
+//   literal   the caller's constant text, literal bit set, in no list
+//   staged    a dynmem block (literal bit set) while a write is in progress,
+//             moved into a buffer by the next loc_dynstr_updatepool
+// A deleted record (deleted bit) is a buffered placeholder for dead bytes.
+#ifndef DYNSTR_PRIVATE_H
+#define DYNSTR_PRIVATE_H
+
+#include "../memm/memm_private.h"
+#include "dynstr.h"
+
+namespace dynstr_detail {
+
+static_assert(sizeof(dynstr) == 32, "record layout fixed by the API");
+
+constexpr uint32_t kNoBuffer = 0xFFFFFFFFu;
+constexpr uint32_t kSizeMaskShort = DYNSTR_SHORT_SIZE_MAX;
+constexpr uint32_t kSizeMaskLong = DYNSTR_LONG_SIZE_MAX;
+constexpr uint32_t kMaxsizeBits = 0x7FFu << DYNSTR_MAXSIZE_SHIFT;
+constexpr uint32_t kBnrBits = 0x3u << DYNSTR_BNR_SHIFT;
+constexpr int kMaxDepletionListings = 4;
+
+// Process-wide state of the family, guarded by the global lock.
+struct Family {
+    uint32_t class_id = MEMM_INVALID_POOL; // id of "dynstr_pool"
+    bool gc_running = false;               // the collector is releasing placeholders
+    int depletion_listings = 0;            // "pool_depleted" listings requested so far
+    dynstr blank = {};                     // image copied over a detached record
+};
+MEMM_INTERNAL extern Family g_family;
+
+// ---- small record accessors ---------------------------------------------
+inline uint32_t size_of(const dynstr *d) { return DYNSTR_SIZE(d->flags); }
+inline bool is_deleted(const dynstr *d) { return d->flags & DYNSTR_FLAG_DELETED; }
+// The text lies in a string buffer (and the record in an allocation list).
+inline bool is_buffered(const dynstr *d) { return d->str && !(d->flags & DYNSTR_FLAG_LITERAL); }
+inline void set_bnr(dynstr *d, uint32_t bnr) { d->flags = (d->flags & ~kBnrBits) | (bnr << DYNSTR_BNR_SHIFT); }
+inline void *record_allocfrom(dynstr *d) { return memm_detail::hdr_allocfrom(memm_detail::obj_to_slot(d)); }
+inline void set_record_allocfrom(void *d, void *caller) {
+    memm_detail::hdr_set_allocfrom(memm_detail::obj_to_slot(d), caller);
+}
+
+// Bounded copy: at most size - 1 characters, always terminated when size is
+// above 0. Returns strlen(src), so a result >= size means the copy was cut.
+MEMM_INTERNAL size_t strlcpy(char *dst, const char *src, size_t size);
+
+// ---- records and pools (pools.cc) ------------------------------------------
+MEMM_INTERNAL dynstr_pooldesc *loc_getdynstrpool(const void *rec);
+MEMM_INTERNAL int loc_isdynstrpool(uint32_t pool);
+MEMM_INTERNAL int loc_isdynstring(const void *rec);
+MEMM_INTERNAL uint32_t loc_getbuffernr(const dynstr *d);
+MEMM_INTERNAL uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize);
+MEMM_INTERNAL int loc_dynstr_listfilter(void *rec, uint32_t options);
+
+// ---- placement (storage.cc) ----------------------------------------------------
+MEMM_INTERNAL void loc_setstrsize(dynstr *d, uint32_t size);
+MEMM_INTERNAL int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d);
+MEMM_INTERNAL int loc_dynmem_alloc(dynstr_pooldesc *pool, dynstr *d, int32_t size);
+MEMM_INTERNAL uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynstr **tmp);
+MEMM_INTERNAL uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d);
+
+// ---- deletion (deletion.cc) ------------------------------------------------------
+MEMM_INTERNAL uint32_t loc_dynstr_free_ex(void *rec);
+MEMM_INTERNAL void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *next, uint32_t k);
+
+// ---- collection (collector.cc) ----------------------------------------------------
+MEMM_INTERNAL void loc_dynstr_gc(dynstr_pooldesc *pool, int reason);
+MEMM_INTERNAL int loc_dynstr_gc_hook(void *cookie, int32_t attempt);
+
+// ---- reports (stats.cc) ---------------------------------------------------------------
+MEMM_INTERNAL void loc_dynstr_printobject(void *rec, memm_print_fn print);
+MEMM_INTERNAL void loc_dynstr_print_stats(void *cookie, uint32_t *live_total, uint32_t *peak_total,
+                                          uint32_t *capacity_total, memm_print_fn print);
+
+// ---- writers (writers.cc) -----------------------------------------------------------
+MEMM_INTERNAL uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length);
+
+} // namespace dynstr_detail
+
+#endif

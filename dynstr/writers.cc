@@ -1,0 +1,141 @@
+// The substring writer behind the constructors and assignments, and reading
+// a record's text.
+#include "dynstr_private.h"
+
+namespace dynstr_detail {
+
+namespace {
+
+const char kEmptyText[] = "";
+
+struct Piece {
+    const char *text = nullptr; // null: nothing to copy
+    size_t len = 0;
+};
+
+// The piece [offset, offset + length) of a C string. Offsets outside the
+// string are clamped as for a source record; a negative length means "to the
+// end".
+Piece string_piece(const char *src, int32_t offset, int32_t length) {
+    const size_t full = strlen(src);
+    const size_t off = offset < 0 ? 0 : (size_t(offset) > full ? full : size_t(offset));
+    const size_t avail = full - off;
+    const size_t len = (length < 0 || size_t(length) > avail) ? avail : size_t(length);
+    return len >= 1 ? Piece{src + off, len} : Piece{};
+}
+
+// The same piece of a record's text.
+Piece record_piece(const dynstr *src, int32_t offset, int32_t length) {
+    const uint32_t size = size_of(src);
+    const int64_t srclen = src->str && size ? size - 1 : 0;
+    int64_t off = offset < 0 ? 0 : (offset > srclen ? srclen : offset);
+    int64_t len = length < 0 ? (src->str ? srclen - off : 0) : length;
+    if (off + len > srclen)
+        len = srclen - off;
+    return (len > 0 && src->str) ? Piece{src->str + off, size_t(len)} : Piece{};
+}
+
+} // namespace
+
+uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length) {
+    dynstr_pooldesc *pool = loc_getdynstrpool(d);
+    if (!pool || (!src && !src_rec))
+        return MEMM_ERR_INVALID_ARG;
+    const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
+    dynstr *old;
+    if (loc_dynstr_detach(pool, d, &old) != MEMM_OK)
+        return MEMM_ERR_NO_MEMORY;
+    if (src_rec == d)
+        src_rec = old; // self-assignment reads the detached text
+    const Piece piece = src ? string_piece(src, offset, length) : record_piece(src_rec, offset, length);
+
+    bool staging_failed = false;
+    if (piece.text) {
+        // Texts are cut, never refused: at the maximum size, and at the
+        // largest size the size field can hold.
+        size_t size = piece.len + 1;
+        if (size > DYNSTR_LONG_SIZE_MAX)
+            size = DYNSTR_LONG_SIZE_MAX;
+        if (maxsize && maxsize < size)
+            size = maxsize;
+        // The old text stays readable (it belongs to `old` now), so a source
+        // inside it is safe; the new text never overlaps it.
+        if (int64_t(size) <= loc_getfreespace(pool, d) || loc_dynmem_alloc(pool, d, int32_t(size))) {
+            memcpy(d->str, piece.text, size - 1);
+            d->str[size - 1] = '\0';
+            loc_setstrsize(d, uint32_t(size));
+        } else {
+            staging_failed = true;
+        }
+    }
+
+    const uint32_t settled = loc_dynstr_updatepool(pool, d);
+    if (maxsize)
+        (void)loc_setmaxsize(d, maxsize);
+    memm_free_nolock(old);
+    return staging_failed ? MEMM_ERR_NO_MEMORY : settled;
+}
+
+} // namespace dynstr_detail
+
+using namespace dynstr_detail;
+using memm_detail::PoolLock;
+
+namespace {
+
+dynstr *fromstring(uint32_t pool, const char *s, void *caller) {
+    if (!s || !loc_isdynstrpool(pool))
+        return nullptr;
+    // Without collection: a constructor from a plain pointer may take the
+    // reserve, which makes the next placement collect instead.
+    auto *d = static_cast<dynstr *>(memm_detail::loc_calloc_entry(pool, false, false, caller));
+    if (!d)
+        return nullptr;
+    if (loc_setsubstring(d, s, nullptr, 0, -1) != MEMM_OK) {
+        memm_free_nolock(d);
+        return nullptr;
+    }
+    return d;
+}
+
+} // namespace
+
+extern "C" {
+
+dynstr *dynstr_fromstring_nolock(uint32_t pool, const char *s) {
+    return fromstring(pool, s, __builtin_return_address(0));
+}
+
+dynstr *dynstr_fromstring(uint32_t pool, const char *s) {
+    void *caller = __builtin_return_address(0);
+    PoolLock lock("dynstr_fromstring");
+    return fromstring(pool, s, caller);
+}
+
+uint32_t dynstr_setstring_nolock(dynstr *d, const char *s) { return loc_setsubstring(d, s, nullptr, 0, -1); }
+
+uint32_t dynstr_setstring(dynstr *d, const char *s) {
+    PoolLock lock("dynstr_setstring");
+    return loc_setsubstring(d, s, nullptr, 0, -1);
+}
+
+const char *dynstr_getstring_nolock(dynstr *d) {
+    if (!d)
+        return DYNSTR_TEXT_NOT_MEMMSTR;
+    const uint8_t *slot = memm_detail::obj_to_slot(d);
+    const memm_pooldesc *p = memm_detail::loc_pool(memm_detail::state_poolid(memm_detail::hdr_state(slot)));
+    if (!p || !p->options.cookie)
+        return DYNSTR_TEXT_NOT_MEMMSTR;
+    if (!loc_getdynstrpool(d))
+        return DYNSTR_TEXT_NOT_DYNSTR;
+    if (is_deleted(d))
+        return DYNSTR_TEXT_DELETED;
+    return d->str ? d->str : kEmptyText;
+}
+
+const char *dynstr_getstring(dynstr *d) {
+    PoolLock lock("dynstr_getstring");
+    return dynstr_getstring_nolock(d);
+}
+
+} // extern "C"

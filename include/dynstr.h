@@ -1,0 +1,198 @@
+/* Dynamic strings: small pool records whose texts are packed into a few
+ * large string buffers per string pool, compacted in turn by a collector.
+ *
+ * Storage model. A string pool owns 1 to 4 buffers; one is current. New text
+ * is only ever appended at the current buffer's free position. A released
+ * text stays in its buffer as a deleted placeholder (its record keeps the
+ * slot) until it is merged with a deleted neighbour, cut off the buffer's
+ * end, or squeezed out by the collector, which compacts the buffer after the
+ * current one and makes it current. A text pointer obtained from a record is
+ * therefore valid only until the next write to, or collecting allocation in,
+ * the same string pool.
+ *
+ * Choices this implementation makes where the design leaves room:
+ *  - dynstr_initpool2 refuses a buffer count below 1 (as it refuses one above
+ *    4): it logs "[DYNSTR] dynstr_initpool(): invalid buffer count %d" and
+ *    returns MEMM_INVALID_POOL without taking the lock.
+ *  - Sizes beyond DYNSTR_LONG_SIZE_MAX cannot arise: dynstr_initpool2 refuses
+ *    buffers larger than DYNSTR_LONG_SIZE_MAX bytes or smaller than 1 byte
+ *    ("[DYNSTR] dynstr_initpool(): invalid buffer size %d"), so no text or
+ *    merged placeholder in a buffer can outgrow the size field, and the
+ *    writers cut any text to DYNSTR_LONG_SIZE_MAX - 1 characters, as they cut
+ *    at a maximum size.
+ *  - When a string buffer cannot be allocated after the record pool exists,
+ *    dynstr_initpool2 returns MEMM_INVALID_POOL and leaves nothing dangling:
+ *    the buffers obtained so far are freed, the anchor record and the
+ *    descriptor are released, and the record pool (which cannot be removed)
+ *    is stripped of its hooks, cookie and counter links. It stays registered
+ *    as an inert plain pool, so its name remains taken and no string
+ *    operation accepts its id.
+ *  - dynstr_pool_set_dellist_threshold takes (pool, threshold) and does
+ *    nothing.
+ */
+#ifndef DYNSTR_H
+#define DYNSTR_H
+
+#include <stdarg.h>
+#include "memm.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct llist_node; /* defined in llist.h; the joins only take a list pointer */
+
+/* ---- Limits and fixed numbers ---- */
+#define DYNSTR_MAXSIZE_LIMIT          2047u       /* largest maximum size (length + terminator) */
+#define DYNSTR_SHORT_SIZE_MAX         0xFFFFu     /* larger sizes switch a record to the long form */
+#define DYNSTR_LONG_SIZE_MAX          0x07FFFFFFu /* largest representable size */
+#define DYNSTR_MAX_BUFFERS            4           /* string buffers per string pool */
+#define DYNSTR_POOL_RESERVE           5           /* extra record slots (the record pool's reserve) */
+#define DYNSTR_INITPOOL_SMALL_COUNT   10000u      /* dynstr_initpool: 2 buffers up to this count, else 4 */
+#define DYNSTR_POOL_NAME              "dynstr_pool" /* pool of dynstr_pooldesc objects */
+
+/* ---- dynstr.flags ---- */
+#define DYNSTR_FLAG_LONG              0x20000000u /* bit 29: long form (size in bits 0-26, no maximum) */
+#define DYNSTR_FLAG_DELETED           0x40000000u /* bit 30 */
+#define DYNSTR_FLAG_LITERAL           0x80000000u /* bit 31: text not in a string buffer */
+#define DYNSTR_MAXSIZE_SHIFT          16          /* short form: maximum size in bits 16-26 */
+#define DYNSTR_BNR_SHIFT              27          /* buffer number in bits 27-28 */
+#define DYNSTR_SIZE(flags)    (((flags) & DYNSTR_FLAG_LONG) ? ((flags) & DYNSTR_LONG_SIZE_MAX) : ((flags) & DYNSTR_SHORT_SIZE_MAX))
+#define DYNSTR_MAXSIZE(flags) (((flags) & DYNSTR_FLAG_LONG) ? 0u : (((flags) >> DYNSTR_MAXSIZE_SHIFT) & 0x7FFu))
+#define DYNSTR_BNR(flags)     (((flags) >> DYNSTR_BNR_SHIFT) & 0x3u)
+
+/* ---- dynstr_pooldesc.state bits and collection reasons (gc_reason[][reason]) ---- */
+#define DYNSTR_STATE_DYNMEM_PENDING   0x01u
+#define DYNSTR_STATE_DEPLETED         0x02u
+#define DYNSTR_GC_CTX_BALANCE         0
+#define DYNSTR_GC_CTX_DEPLETED        1
+#define DYNSTR_GC_BUFFER_FULL         2
+
+/* ---- Placeholder texts of dynstr_getstring ---- */
+#define DYNSTR_TEXT_NOT_MEMMSTR       "*NOT_MEMMSTR*"    /* null, bad pool id, or pool without cookie */
+#define DYNSTR_TEXT_NOT_DYNSTR        "*NOT_DYNSTR*"     /* object of a pool that is not a string pool */
+#define DYNSTR_TEXT_DELETED           "*DELETED_DYNSTR*" /* deleted record */
+
+/* ---- Address record of dynstr_setipaddr_any / dynstr_getipaddr_any ---- */
+#define DYNSTR_IPADDR_FAMILY_V4       1u
+#define DYNSTR_IPADDR_FAMILY_V6       2u
+
+/* The string record (an object of a string pool's record pool). */
+typedef struct dynstr {
+    char          *str;   /* text, zero-terminated; null for the empty string */
+    uint32_t       flags; /* packed size / maximum size / buffer number / state bits (DYNSTR_*) */
+    struct dynstr *prev;  /* previous record in its buffer's allocation list */
+    struct dynstr *next;  /* next record in that list */
+} dynstr;
+
+/* Descriptor of a string pool: an object of "dynstr_pool" and the record pool's cookie.
+ * Arrays of four are per string buffer; the first buffercount entries are used. */
+typedef struct dynstr_pooldesc {
+    const char *name;             /* caller's pool name, not copied */
+    uint32_t    poolid;           /* record pool id (= the string pool's id) */
+    int32_t     buffercount;      /* 1..4 */
+    uint32_t    curbuffer;        /* buffer new text is appended to */
+    int32_t     buffersize;       /* bytes per buffer */
+    dynstr     *anchor;           /* one record, never released */
+    uint32_t    capacity;         /* record slots (count + 5) */
+    uint32_t   *countptr;         /* record pool's cur_count */
+    uint32_t    delcount;         /* deleted records (record pool's base_count_ptr points here) */
+    uint32_t    delbytes;
+    uint32_t    usedbytes;
+    uint32_t    peaklive;
+    uint8_t     state;            /* DYNSTR_STATE_* */
+    uint32_t    ctx_depleted;     /* record pool's reserve_flag_ptr points here */
+    uint32_t    ctx_limit;        /* capacity / buffercount */
+    char       *buf_base[4];
+    dynstr     *buf_first[4];
+    dynstr     *buf_last[4];
+    dynstr     *buf_firstdel[4];
+    uint32_t    buf_used[4];
+    uint32_t    buf_count[4];
+    uint32_t    mincalls;         /* starts at 0xFFFFFFFF */
+    uint32_t    calls;
+    uint32_t    calls_since_gc;
+    uint32_t    del_total;
+    uint32_t    delbytes_total;
+    uint32_t    recup_ctx;
+    uint32_t    recup_bytes;
+    uint32_t    fill_sum;
+    uint32_t    buf_peaklive[4];
+    uint32_t    buf_delcount[4];
+    uint32_t    buf_delbytes[4];
+    uint32_t    gc_count;
+    uint32_t    gc_reason[4][3];  /* [buffer current at the time][DYNSTR_GC_*] */
+    uint32_t    gc_ctx;
+    uint32_t    gc_bytes;
+} dynstr_pooldesc;
+
+/* Address record: family tag followed directly by the address bytes. */
+typedef struct dynstr_ipaddr {
+    uint32_t family;   /* DYNSTR_IPADDR_FAMILY_V4 or _V6 */
+    uint8_t  addr[16]; /* IPv4: first 4 bytes (network order); IPv6: all 16 */
+} dynstr_ipaddr;
+
+/* ================= Family start, string pools, records ================= */
+/* Creates the pool "dynstr_pool" for pool_count string pools. A second call
+ * fails (the name is taken) and leaves no pool recognised as a string pool. */
+MEMM_API uint32_t dynstr_init(uint32_t pool_count);                          /* MEMM_OK or MEMM_ERR_NO_MEMORY; memm_init calls it; no lock of its own */
+/* Creates a string pool: a record pool of count + 5 slots (5 held in reserve)
+ * and `buffers` string buffers of total_bytes / buffers bytes each. Fails
+ * with nothing created for buffers outside 1..4 or a bad buffer size (see
+ * the choices above), for a taken name, or when no descriptor is left. */
+MEMM_API uint32_t dynstr_initpool2(const char *name, uint32_t count, int32_t total_bytes,
+                                   int32_t buffers);                         /* string pool id or MEMM_INVALID_POOL */
+/* dynstr_initpool2 with 2 buffers up to 10000 records, else 4. */
+MEMM_API uint32_t dynstr_initpool(const char *name, uint32_t count, int32_t total_bytes); /* string pool id or MEMM_INVALID_POOL */
+/* Record allocation (collecting, so it may move texts of that pool). The
+ * pool id is not checked to be a string pool. */
+MEMM_API dynstr  *dynstr_calloc(uint32_t pool);                              /* new empty record or null */
+MEMM_API dynstr  *dynstr_calloc_maxsize(uint32_t pool, uint32_t maxsize);    /* new empty record or null; maxsize > 2047 leaves none */
+MEMM_API dynstr  *dynstr_calloc_maxsize_nolock(uint32_t pool, uint32_t maxsize); /* new empty record or null */
+MEMM_API dynstr  *dynstr_calloc_maxlen(uint32_t pool, uint32_t maxlen);      /* new empty record (maxsize = maxlen + 1) or null */
+MEMM_API dynstr  *dynstr_refalloc(dynstr *d);                                /* d with one more holder, or null */
+MEMM_API int      dynstr_isdynstring(void *p);                               /* 1 if p is a live record of a string pool, else 0 */
+MEMM_API uint32_t dynstr_strlen(dynstr *d);                                  /* text length; 0 for null or empty; no lock */
+MEMM_API uint32_t dynstr_getmaxsize(dynstr *d);                              /* maximum size, 0 for none or invalid */
+/* Sets the maximum size (0 = none), first cutting a longer text to
+ * maxsize - 1 characters. Above 2047 the text is cut all the same, the
+ * record is left without a maximum and the result is MEMM_ERR_INVALID_ARG. */
+MEMM_API uint32_t dynstr_setmaxsize(dynstr *d, uint32_t maxsize);            /* result code */
+MEMM_API uint32_t dynstr_setmaxsize_nolock(dynstr *d, uint32_t maxsize);     /* result code */
+/* Empties a live record and removes its maximum size. */
+MEMM_API uint32_t dynstr_reset(dynstr *d);                                   /* result code */
+MEMM_API uint32_t dynstr_pool_set_dellist_threshold(uint32_t pool, uint32_t threshold); /* always MEMM_OK, no effect; no lock */
+
+/* ================= Integrity check ================= */
+/* Walks every buffer's allocation list of the string pool and prints each
+ * inconsistency to standard output (verbose: every record as well). Never
+ * repairs anything. A pool id that leads to no string pool counts as sound. */
+MEMM_API int      dynstr_integrity_check(uint32_t pool, uint32_t verbose);        /* 1 if consistent (or not a string pool), else 0 */
+MEMM_API int      dynstr_integrity_check_nolock(uint32_t pool, uint32_t verbose); /* 1 if consistent (or not a string pool), else 0 */
+
+/* ================= Constructors (new record or null) ================= */
+/* A new record holding a copy of s, allocated without collection. Null for
+ * a null s, a pool id that is not a string pool, or when no record or no
+ * buffer room is left (nothing is kept then). */
+MEMM_API dynstr  *dynstr_fromstring(uint32_t pool, const char *s);                /* new record or null */
+MEMM_API dynstr  *dynstr_fromstring_nolock(uint32_t pool, const char *s);         /* new record or null */
+
+/* ================= Assignments (result code) ================= */
+/* Replaces the text by a copy of s, cut to the record's maximum size - 1.
+ * MEMM_ERR_INVALID_ARG for a null s or a record outside a string pool;
+ * MEMM_ERR_NO_MEMORY when no record is left to hold the old text (the record
+ * is unchanged) or no buffer has room (the record is left empty). */
+MEMM_API uint32_t dynstr_setstring(dynstr *d, const char *s);                     /* result code */
+MEMM_API uint32_t dynstr_setstring_nolock(dynstr *d, const char *s);              /* result code */
+
+/* ================= Reading ================= */
+/* The text where it lies: valid until the next write to, or collecting
+ * allocation in, the same string pool. */
+MEMM_API const char *dynstr_getstring(dynstr *d);          /* text, "" or a DYNSTR_TEXT_* placeholder; never null */
+MEMM_API const char *dynstr_getstring_nolock(dynstr *d);   /* text, "" or a DYNSTR_TEXT_* placeholder; never null */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DYNSTR_H */
