@@ -1,12 +1,15 @@
 /* A small daemon's data model on memm pools.
  *
  * The process keeps its sessions in a pool of fixed-size records instead of
- * on the general heap. It allocates, shares and releases them, lets the pool
- * grow into extension pools when traffic exceeds the planned count, and
- * asks the library what each pool holds. */
+ * on the general heap, and lists of them in a pool of list nodes. It
+ * allocates, shares and releases sessions, lets the pool grow into extension
+ * pools when traffic exceeds the planned count, tags everything that exists
+ * after start-up so it can list what was created since (the way to hunt a
+ * leak in a daemon that runs for months), and prints the usage table. */
 #include <stdio.h>
 #include <string.h>
 
+#include "llist.h"
 #include "memm.h"
 
 struct session {
@@ -24,56 +27,85 @@ static uint32_t on_session_closed(void *obj) {
     return MEMM_OK;
 }
 
-static void show_pool(uint32_t pool) {
-    const memm_pooldesc *p = memm_get_pool_nolock(pool);
-    printf("  pool %u '%s': %u of %u slots in use (peak %u), %u-byte slots\n", pool, p->name, p->cur_count,
-           p->alloc_count, p->max_count, p->slotsize);
+/* How listings show a session. */
+static void print_session(void *obj, memm_print_fn print) {
+    const struct session *s = obj;
+    print(" session %u from %s", s->id, s->peer);
+}
+
+static void show_chain(uint32_t root) {
+    uint32_t id;
+    for (id = root; id != 0; id = memm_get_pool_nolock(id)->next_pool) {
+        const memm_pooldesc *p = memm_get_pool_nolock(id);
+        printf("  pool %u '%s'%s: %u of %u slots in use (peak %u)\n", id, p->name,
+               id == root ? "" : " (extension)", p->cur_count, p->alloc_count, p->max_count);
+    }
+}
+
+static struct session *open_session(uint32_t pool, uint32_t id) {
+    struct session *s = memm_calloc(pool); /* zero-filled */
+    if (s) {
+        s->id = id;
+        snprintf(s->peer, sizeof s->peer, "10.0.0.%u", id);
+    }
+    return s;
 }
 
 int main(void) {
-    enum { PLANNED_SESSIONS = 8 };
-    struct session *sessions[PLANNED_SESSIONS + 4];
-    uint32_t pool, id;
-    int i;
+    enum { PLANNED = 8, OPENED = 12 };
+    memm_pool_options options;
+    uint32_t pool, nodes, i;
+    llist_node *active = NULL, *idle = NULL, *n;
+    struct session *s;
 
-    /* Once per process: room for 16 pool descriptors, no string pools yet. */
+    /* Once per process: room for 16 pool descriptors, no string pools. */
     if (memm_init(16, 0) != MEMM_OK)
         return 1;
-    pool = memm_initpool2("sessions", PLANNED_SESSIONS, (int32_t)sizeof(struct session), NULL, on_session_closed);
-    if (pool == MEMM_INVALID_POOL)
+    memset(&options, 0, sizeof options);
+    options.free_ex = on_session_closed;
+    options.print2 = print_session;
+    pool = memm_initpool("sessions", PLANNED, (int32_t)sizeof(struct session), &options);
+    nodes = llist_initpool("session_nodes", 32, (int32_t)sizeof(llist_node), NULL);
+    if (pool == MEMM_INVALID_POOL || nodes == MEMM_INVALID_POOL)
         return 1;
-    printf("Created pool %u for %d sessions:\n", pool, PLANNED_SESSIONS);
-    show_pool(pool);
 
-    printf("\nOpening %d sessions (4 more than planned):\n", PLANNED_SESSIONS + 4);
-    for (i = 0; i < PLANNED_SESSIONS + 4; i++) {
-        struct session *s = memm_calloc(pool); /* zero-filled */
-        if (!s)
-            return 1;
-        s->id = (uint32_t)i + 1;
-        snprintf(s->peer, sizeof s->peer, "10.0.0.%d", i + 1);
-        sessions[i] = s;
-    }
-    for (id = pool; id != 0; id = memm_get_pool_nolock(id)->next_pool)
-        show_pool(id);
-    printf("  session 12 lives in pool %u, an extension of '%s'\n", memm_get_poolid(sessions[11]),
-           memm_get_poolname(sessions[11]));
+    printf("Start-up: two sessions, then everything that exists is tagged.\n");
+    for (i = 1; i <= 2; i++)
+        llist_addobject(&active, open_session(pool, i), nodes); /* the list takes our reference */
+    memm_tag_objects(NULL, 1);
 
-    printf("\nA worker shares session 3; its owner lets go first:\n");
-    memm_refalloc(sessions[2]);
-    printf("  holders of session 3: %u\n", memm_get_refcount(sessions[2]));
-    memm_free(sessions[2]);
-    printf("  after the owner's release: %u holder, still valid: %s\n", memm_get_refcount(sessions[2]),
-           memm_isvalidobj(sessions[2]) ? "yes" : "no");
-    memm_free(sessions[2]); /* the worker's release closes it */
+    printf("\nTraffic: %d more sessions, %d more than the pool planned for.\n", OPENED - 2, OPENED - PLANNED);
+    for (i = 3; i <= OPENED; i++)
+        llist_addobject(&active, open_session(pool, i), nodes);
+    show_chain(pool);
+    s = llist_getobject_at(active, -1);
+    printf("  the newest session, %u, lives in pool %u, an extension of '%s'\n", s->id, memm_get_poolid(s),
+           memm_get_poolname(s));
 
-    printf("\nClosing the rest:\n");
-    for (i = 0; i < PLANNED_SESSIONS + 4; i++)
-        if (i != 2)
-            memm_free(sessions[i]);
-    for (id = pool; id != 0; id = memm_get_pool_nolock(id)->next_pool)
-        show_pool(id);
+    printf("\nSessions 3 and 4 go idle; a worker shares session 5 while it is closed.\n");
+    llist_move_byobject(&active, &idle, llist_getobject_at(active, 2));
+    llist_move_byobject(&active, &idle, llist_getobject_at(active, 2));
+    s = memm_refalloc(llist_getobject_at(active, 2));
+    llist_delete_byobject(&active, s); /* the list's reference goes */
+    printf("  session 5 still has %u holder and is valid: %s\n", memm_get_refcount(s),
+           memm_isvalidobj(s) ? "yes" : "no");
+    memm_free(s); /* the worker's release closes it */
+    printf("  active: %u, idle:", llist_getlength(active));
+    for (n = llist_get_first(idle); n; n = llist_get_next(n))
+        printf(" %u", ((struct session *)llist_getobject_this(n))->id);
+    printf("\n");
+
+    printf("\nSessions created since start-up and still alive (untagged objects):\n");
+    memm_print_objects2("sessions", 0);
+
+    printf("Pool usage:\n");
+    memm_print_stats(NULL);
+
+    printf("Shutting the lists down:\n");
+    llist_free_plist(&active); /* each node gives its session reference back */
+    llist_free_plist(&idle);
+    show_chain(pool);
     printf("\n%u sessions closed; %u pools exist (descriptor pool and extensions included).\n", closed_sessions,
            memm_get_number_of_pools());
-    return closed_sessions == PLANNED_SESSIONS + 4 ? 0 : 1;
+    return closed_sessions == OPENED ? 0 : 1;
 }
