@@ -4,6 +4,7 @@
 #ifndef LLIST_TEST_HELPERS_H
 #define LLIST_TEST_HELPERS_H
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -16,10 +17,7 @@
 
 namespace llist_test {
 
-struct Record {
-    int id;
-    int pad;
-};
+using Objs = std::vector<void *>;
 
 // Final releases seen by the record pool's hook, and the records whose
 // release the hook refuses (it answers 1, so memm_free reports a hook failure).
@@ -34,65 +32,57 @@ inline uint32_t record_release(void *obj) {
 }
 
 struct Pools {
-    uint32_t records;
-    uint32_t nodes;
+    uint32_t records, nodes;
 };
 
-// Call right after memm_init: a record pool and a node pool. Pool names must
-// be unique and outlive the pools: give string literals.
+// Call right after memm_init. Pool names must be unique and outlive the
+// pools: give string literals.
 inline Pools make_pools(int32_t node_objsize = int32_t(sizeof(llist_node)), int32_t node_count = 64,
                         const char *records_name = "llt_records", const char *nodes_name = "llt_nodes") {
-    Pools p;
-    p.records = memm_initpool2(records_name, 64, int32_t(sizeof(Record)), nullptr, record_release);
-    p.nodes = llist_initpool(nodes_name, node_count, node_objsize, nullptr);
+    Pools p{memm_initpool2(records_name, 64, 8, nullptr, record_release),
+            llist_initpool(nodes_name, node_count, node_objsize, nullptr)};
     EXPECT_NE(p.records, MEMM_INVALID_POOL);
     EXPECT_NE(p.nodes, MEMM_INVALID_POOL);
     return p;
 }
 
-inline void *new_record(uint32_t pool, int id) {
-    auto *r = static_cast<Record *>(memm_calloc(pool));
-    EXPECT_NE(r, nullptr);
-    if (r)
-        r->id = id;
-    return r;
-}
-
-inline std::vector<void *> new_records(uint32_t pool, int n) {
-    std::vector<void *> v;
+inline Objs new_records(uint32_t pool, int n) {
+    Objs v;
     for (int i = 0; i < n; i++)
-        v.push_back(new_record(pool, i));
+        v.push_back(memm_calloc(pool));
     return v;
 }
 
-// ---- node words, read without assuming alignment ----
-inline void *obj_of(llist_node *node) {
-    void *p;
-    memcpy(&p, reinterpret_cast<uint8_t *>(node) + offsetof(llist_node, linked_obj), sizeof p);
-    return p;
-}
-inline llist_node *next_of(llist_node *node) {
-    llist_node *p;
-    memcpy(&p, reinterpret_cast<uint8_t *>(node) + offsetof(llist_node, next), sizeof p);
-    return p;
-}
-inline void set_next(llist_node *node, llist_node *next) {
-    memcpy(reinterpret_cast<uint8_t *>(node) + offsetof(llist_node, next), &next, sizeof next);
-}
-inline void set_obj(llist_node *node, void *obj) {
-    memcpy(reinterpret_cast<uint8_t *>(node) + offsetof(llist_node, linked_obj), &obj, sizeof obj);
+// A new list of objs; with addref each node takes a reference of its own,
+// else the caller's.
+inline llist_node *list_of(const Objs &objs, uint32_t pool, bool addref = true) {
+    llist_node *list = nullptr;
+    for (void *o : objs)
+        EXPECT_EQ(addref ? llist_addref(&list, o, pool) : llist_addobject(&list, o, pool), MEMM_OK);
+    return list;
 }
 
-// Every node to the real end (nulls included).
+// ---- node words, read and written without assuming alignment ----
+inline void *word(llist_node *node, size_t offset) {
+    void *p;
+    memcpy(&p, reinterpret_cast<uint8_t *>(node) + offset, sizeof p);
+    return p;
+}
+inline void *obj_of(llist_node *node) { return word(node, offsetof(llist_node, linked_obj)); }
+inline llist_node *next_of(llist_node *node) {
+    return static_cast<llist_node *>(word(node, offsetof(llist_node, next)));
+}
+
+// Every node / linked object to the real end (null objects included).
 inline std::vector<llist_node *> nodes_of(llist_node *list) {
     std::vector<llist_node *> v;
     for (llist_node *n = list; n; n = next_of(n))
         v.push_back(n);
     return v;
 }
-inline std::vector<void *> objects_of(llist_node *list) {
-    std::vector<void *> v;
-    for (llist_node *n = list; n; n = next_of(n))
+inline Objs objects_of(llist_node *list) {
+    Objs v;
+    for (llist_node *n : nodes_of(list))
         v.push_back(obj_of(n));
     return v;
 }
@@ -108,11 +98,27 @@ inline uint32_t in_use(uint32_t pool) {
 
 inline uint32_t refs(void *obj) { return memm_get_refcount(obj); }
 
-// A fake object: a buffer whose "header" names no pool (state 0xFFFFFFFF),
-// so memm_isvalidobj rejects it without reading outside the buffer.
-struct FakeObject {
-    alignas(16) uint8_t bytes[64];
-    FakeObject() { memset(bytes, 0xFF, sizeof bytes); memset(bytes + MEMM_OBJHDR_SIZE, 0, sizeof bytes - MEMM_OBJHDR_SIZE); }
+// The loaded module (executable or shared library) holding a code address,
+// and the call site a node's header records.
+inline const void *module_of(const void *addr) {
+    Dl_info info{};
+    return dladdr(addr, &info) ? info.dli_fbase : nullptr;
+}
+inline const void *alloc_site(llist_node *node) {
+    memm_objhdr h;
+    memcpy(&h, reinterpret_cast<uint8_t *>(node) - MEMM_OBJHDR_SIZE, sizeof h);
+    return h.allocfrom;
+}
+
+// A fake node: a buffer whose "header" names no pool (state 0xFFFFFFFF), so
+// memm_isvalidobj rejects it without reading outside the buffer.
+struct FakeNode {
+    alignas(16) uint8_t bytes[MEMM_OBJHDR_SIZE + sizeof(llist_node)];
+    FakeNode(void *obj, llist_node *next) {
+        void *words[2] = {obj, next};
+        memset(bytes, 0xFF, MEMM_OBJHDR_SIZE);
+        memcpy(bytes + MEMM_OBJHDR_SIZE, words, sizeof words);
+    }
     llist_node *node() { return reinterpret_cast<llist_node *>(bytes + MEMM_OBJHDR_SIZE); }
 };
 
