@@ -79,8 +79,33 @@ MEMM_INTERNAL void loc_dynstr_printobject(void *rec, memm_print_fn print);
 MEMM_INTERNAL void loc_dynstr_print_stats(void *cookie, uint32_t *live_total, uint32_t *peak_total,
                                           uint32_t *capacity_total, memm_print_fn print);
 
-// ---- writers (writers.cc) -----------------------------------------------------------
+// ==== writers: constructors, assignments, appends, formatting ================
+// Each writer follows the write protocol of storage.cc, so a source that
+// points into the record's own old text stays readable while it works.
+
+// The substring writer (writers.cc): a piece of `src`, or of `src_rec` when
+// `src` is null, replaces the text.
 MEMM_INTERNAL uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length);
+// The append primitive (append.cc): at most n characters of src go behind the
+// text, in place when the text ends at the current buffer's free position.
+MEMM_INTERNAL uint32_t loc_addstring_size(dynstr *d, const char *src, uint32_t n);
+// The formatting writer (format.cc): replaces the text, or appends to it when
+// `append` is set, formatting at most twice.
+MEMM_INTERNAL uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap);
+
+// A constructor's new record, with `caller` as its allocation site. `collect`
+// picks a collecting allocation (record or literal sources) over one that
+// may use the reserve (plain pointers and formats).
+inline dynstr *new_record(uint32_t pool, bool collect, void *caller) {
+    return static_cast<dynstr *>(memm_detail::loc_calloc_entry(pool, collect, collect, caller));
+}
+// A constructor keeps its record only when the writer that filled it succeeded.
+inline dynstr *keep_if_written(dynstr *d, uint32_t result) {
+    if (result == MEMM_OK)
+        return d;
+    memm_free_nolock(d);
+    return nullptr;
+}
 
 } // namespace dynstr_detail
 

@@ -1,5 +1,5 @@
-// The substring writer behind the constructors and assignments, and reading
-// a record's text.
+// The substring writer behind the copying constructors and assignments, and
+// reading a record's text.
 #include "dynstr_private.h"
 
 namespace dynstr_detail {
@@ -81,43 +81,7 @@ uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t o
 using namespace dynstr_detail;
 using memm_detail::PoolLock;
 
-namespace {
-
-dynstr *fromstring(uint32_t pool, const char *s, void *caller) {
-    if (!s || !loc_isdynstrpool(pool))
-        return nullptr;
-    // Without collection: a constructor from a plain pointer may take the
-    // reserve, which makes the next placement collect instead.
-    auto *d = static_cast<dynstr *>(memm_detail::loc_calloc_entry(pool, false, false, caller));
-    if (!d)
-        return nullptr;
-    if (loc_setsubstring(d, s, nullptr, 0, -1) != MEMM_OK) {
-        memm_free_nolock(d);
-        return nullptr;
-    }
-    return d;
-}
-
-} // namespace
-
 extern "C" {
-
-dynstr *dynstr_fromstring_nolock(uint32_t pool, const char *s) {
-    return fromstring(pool, s, __builtin_return_address(0));
-}
-
-dynstr *dynstr_fromstring(uint32_t pool, const char *s) {
-    void *caller = __builtin_return_address(0);
-    PoolLock lock("dynstr_fromstring");
-    return fromstring(pool, s, caller);
-}
-
-uint32_t dynstr_setstring_nolock(dynstr *d, const char *s) { return loc_setsubstring(d, s, nullptr, 0, -1); }
-
-uint32_t dynstr_setstring(dynstr *d, const char *s) {
-    PoolLock lock("dynstr_setstring");
-    return loc_setsubstring(d, s, nullptr, 0, -1);
-}
 
 const char *dynstr_getstring_nolock(dynstr *d) {
     if (!d)

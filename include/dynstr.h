@@ -171,19 +171,107 @@ MEMM_API int      dynstr_integrity_check(uint32_t pool, uint32_t verbose);      
 MEMM_API int      dynstr_integrity_check_nolock(uint32_t pool, uint32_t verbose); /* 1 if consistent (or not a string pool), else 0 */
 
 /* ================= Constructors (new record or null) ================= */
-/* A new record holding a copy of s, allocated without collection. Null for
- * a null s, a pool id that is not a string pool, or when no record or no
- * buffer room is left (nothing is kept then). */
+/* Every constructor records its caller as the record's allocation site
+ * (dynstr_fromlastsep excepted) and keeps nothing when it fails: no record,
+ * no buffer room, or a bad argument all give null. Texts are cut at
+ * DYNSTR_LONG_SIZE_MAX - 1 characters. Constructors from a plain pointer or
+ * a format allocate without collection (they may use the pool's reserve);
+ * those from a record or a literal allocate with collection. */
+
+/* A copy of s. Null for a null s or a pool id that is not a string pool. */
 MEMM_API dynstr  *dynstr_fromstring(uint32_t pool, const char *s);                /* new record or null */
 MEMM_API dynstr  *dynstr_fromstring_nolock(uint32_t pool, const char *s);         /* new record or null */
+/* A copy of length characters of s from offset (length < 0: to the end).
+ * Offsets outside 0..strlen(s) are clamped to it, lengths to the rest. */
+MEMM_API dynstr  *dynstr_fromsubstring(uint32_t pool, const char *s, int32_t offset, int32_t length); /* new record or null; length < 0 = to the end */
+/* A copy of src's text in src's own pool. Null when src is not a live
+ * record of a string pool (nothing is allocated then). */
+MEMM_API dynstr  *dynstr_fromdynstr(dynstr *src);                                 /* new record in src's pool, or null */
+MEMM_API dynstr  *dynstr_fromdynstr_nolock(dynstr *src);                          /* new record in src's pool, or null */
+/* A piece of src's text in src's own pool: a negative offset counts as 0,
+ * one beyond the text as its end; length < 0 or too long: to the end. */
+MEMM_API dynstr  *dynstr_fromsubdynstr(dynstr *src, int32_t offset, int32_t length);        /* new record in src's pool, or null */
+MEMM_API dynstr  *dynstr_fromsubdynstr_nolock(dynstr *src, int32_t offset, int32_t length); /* new record in src's pool, or null */
+/* A record that refers to literal itself, which must outlive the record
+ * and never change. It takes no buffer space. */
+MEMM_API dynstr  *dynstr_fromliteral(uint32_t pool, const char *literal);         /* new record referring to literal (not copied), or null */
+MEMM_API dynstr  *dynstr_fromliteral_nolock(uint32_t pool, const char *literal);  /* new record referring to literal (not copied), or null */
+/* The text behind the last sep of a live, non-empty src, in src's pool
+ * (empty when sep ends the text). Null for a zero sep or no sep in the text.
+ * The record's allocation site is inside the library, not the caller. */
+MEMM_API dynstr  *dynstr_fromlastsep(dynstr *src, char sep);                      /* new record with the text after the last sep, or null */
+/* The formatted text. fmt must not be null. */
+MEMM_API dynstr  *dynstr_fromprintf(uint32_t pool, const char *fmt, ...);         /* new record or null */
+MEMM_API dynstr  *dynstr_fromvprintf(uint32_t pool, const char *fmt, va_list ap); /* new record or null */
 
-/* ================= Assignments (result code) ================= */
-/* Replaces the text by a copy of s, cut to the record's maximum size - 1.
- * MEMM_ERR_INVALID_ARG for a null s or a record outside a string pool;
- * MEMM_ERR_NO_MEMORY when no record is left to hold the old text (the record
- * is unchanged) or no buffer has room (the record is left empty). */
+/* ================= Assignments and appends (result code) ================= */
+/* Every writer cuts its text at the record's maximum size - 1 characters
+ * (a maximum never causes a failure) and keeps the maximum. On failure the
+ * record is left holding the empty string, except where said otherwise; its
+ * old text is gone. MEMM_ERR_NO_MEMORY: no record was left to hold the old
+ * text while writing (the record is unchanged then), no staging memory, or
+ * no buffer room after collection. A source may point into the record's own
+ * text (for instance an argument from dynstr_getstring of the same record).
+ *
+ * Choices this implementation makes where the design leaves room:
+ *  - An offset into a C string outside 0..strlen(s) is clamped to it, as for
+ *    a source record: a negative offset counts as 0, a larger one as the end.
+ *  - When vsnprintf fails (a negative result, such as an encoding error),
+ *    nothing is allocated or copied: the record is left empty and the
+ *    result is MEMM_ERR_INVALID_ARG.
+ *  - Formatted output that is empty, or begins with a zero byte, leaves the
+ *    empty string; output containing a zero byte ends there.
+ *  - dynstr_addstring_size sizes its work by the characters actually
+ *    appended (a count beyond the string's end costs nothing), and appending
+ *    nothing (a record already at its maximum size) leaves the record as it
+ *    is, text position included.
+ *  - The from-record constructors refuse a source that is not live, before
+ *    allocating; the assignments check what their descriptions say. */
+
+/* Replaces the text by a copy of s. MEMM_ERR_INVALID_ARG for a null s or a
+ * record outside a string pool. */
 MEMM_API uint32_t dynstr_setstring(dynstr *d, const char *s);                     /* result code */
 MEMM_API uint32_t dynstr_setstring_nolock(dynstr *d, const char *s);              /* result code */
+/* Replaces the text by a copy of src's text; src may be d itself (the text
+ * stays, moved to a new place). MEMM_ERR_INVALID_ARG for a null src or a
+ * record outside a string pool. */
+MEMM_API uint32_t dynstr_setdynstr(dynstr *d, dynstr *src);                       /* result code; src may be d */
+MEMM_API uint32_t dynstr_setdynstr_nolock(dynstr *d, dynstr *src);                /* result code; src may be d */
+/* Replaces the text by a piece of s (clamped as for dynstr_fromsubstring).
+ * MEMM_ERR_INVALID_ARG when d is not a live record or s is null. */
+MEMM_API uint32_t dynstr_setsubstring(dynstr *d, const char *s, int32_t offset, int32_t length);  /* result code */
+/* Replaces the text by a piece of src's text (clamped as for
+ * dynstr_fromsubdynstr); src may be d. MEMM_ERR_INVALID_ARG unless both are
+ * live records. */
+MEMM_API uint32_t dynstr_setsubdynstr(dynstr *d, dynstr *src, int32_t offset, int32_t length);    /* result code */
+/* Makes d refer to literal (not copied; it must outlive its use and never
+ * change); d's old buffered text becomes deleted space. When d's maximum
+ * size is not above strlen(literal), a copy cut to maximum size - 1 is
+ * stored instead. MEMM_ERR_INVALID_ARG for a null argument or a d that is
+ * not a live record; MEMM_ERR_NO_MEMORY with d unchanged when no record is
+ * left to hold the old text. */
+MEMM_API uint32_t dynstr_setliteral(dynstr *d, const char *literal);              /* result code */
+/* Replaces the text by the formatted text. MEMM_ERR_INVALID_ARG for a null
+ * d or fmt (checked without the lock) or a d that is not a live record. */
+MEMM_API uint32_t dynstr_sprintf(dynstr *d, const char *fmt, ...);                /* result code */
+/* Appends the formatted text. MEMM_ERR_INVALID_ARG when d is not a live
+ * record; fmt must not be null. */
+MEMM_API uint32_t dynstr_addsprintf(dynstr *d, const char *fmt, ...);             /* result code */
+/* Appends at most n characters of s. The text grows in place when it is
+ * the last one written to the current buffer and the room suffices;
+ * otherwise it moves to the free position (its old place becomes deleted
+ * space) or, when the current buffer lacks room, into a buffer that a
+ * collection frees. MEMM_ERR_INVALID_ARG for a null d or a d that is not a
+ * live record; MEMM_OK without doing anything for a null or empty s or
+ * n = 0 (checked without the lock). */
+MEMM_API uint32_t dynstr_addstring_size(dynstr *d, const char *s, uint32_t n);    /* result code; appends at most n characters */
+/* Appends all of s. MEMM_ERR_INVALID_ARG for a null s, otherwise as
+ * dynstr_addstring_size. */
+MEMM_API uint32_t dynstr_addstring(dynstr *d, const char *s);                     /* result code */
+/* Appends src's text. MEMM_ERR_INVALID_ARG for a null argument, src == d
+ * (both checked without the lock), or either not a live record; MEMM_OK
+ * without doing anything for an empty src. */
+MEMM_API uint32_t dynstr_adddynstr(dynstr *d, dynstr *src);                       /* result code; src == d is MEMM_ERR_INVALID_ARG */
 
 /* ================= Reading ================= */
 /* The text where it lies: valid until the next write to, or collecting

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "dynstr.h"
+#include "dynstr_test_support.h"
 #include "syslog_capture.h"
 
 namespace {
@@ -178,45 +179,7 @@ class StringPoolModel {
         if (dynstr_getmaxsize(e.rec) != e.maxsize)
             return ::testing::AssertionFailure() << "maxsize " << dynstr_getmaxsize(e.rec) << " != " << e.maxsize;
     }
-    if (dynstr_integrity_check(pool_, 0) != 1)
-        return ::testing::AssertionFailure() << "integrity check failed";
-
-    uint32_t used = 0, delbytes = 0, delcount = 0;
-    for (int k = 0; k < desc_->buffercount; k++) {
-        uint32_t b_used = 0, b_count = 0, b_del = 0, b_delbytes = 0;
-        const dynstr *prev = nullptr;
-        for (const dynstr *d = desc_->buf_first[k]; d; prev = d, d = d->next) {
-            if (d->prev != prev || d->str != desc_->buf_base[k] + b_used)
-                return ::testing::AssertionFailure() << "buffer " << k << " not packed in list order";
-            const uint32_t size = DYNSTR_SIZE(d->flags);
-            b_used += size;
-            b_count++;
-            if (d->flags & DYNSTR_FLAG_DELETED)
-                b_del++, b_delbytes += size;
-        }
-        if (desc_->buf_last[k] != prev)
-            return ::testing::AssertionFailure() << "buf_last of buffer " << k;
-        if (desc_->buf_used[k] != b_used || desc_->buf_count[k] != b_count || desc_->buf_delcount[k] != b_del ||
-            desc_->buf_delbytes[k] != b_delbytes)
-            return ::testing::AssertionFailure()
-                   << "buffer " << k << " counters used/count/delcount/delbytes " << desc_->buf_used[k] << "/"
-                   << desc_->buf_count[k] << "/" << desc_->buf_delcount[k] << "/" << desc_->buf_delbytes[k]
-                   << ", walked " << b_used << "/" << b_count << "/" << b_del << "/" << b_delbytes;
-        for (uint32_t i = b_used; i < uint32_t(desc_->buffersize); i++)
-            if (desc_->buf_base[k][i] != 0)
-                return ::testing::AssertionFailure() << "free tail of buffer " << k << " not zero at " << i;
-        used += b_used, delbytes += b_delbytes, delcount += b_del;
-    }
-    if (desc_->usedbytes != used || desc_->delbytes != delbytes || desc_->delcount != delcount)
-        return ::testing::AssertionFailure() << "pool counters usedbytes/delbytes/delcount " << desc_->usedbytes << "/"
-                                             << desc_->delbytes << "/" << desc_->delcount << ", walked " << used
-                                             << "/" << delbytes << "/" << delcount;
-    // Every slot in use is a live record, a placeholder or the anchor.
-    if (records_->cur_count != model_.size() + delcount + 1)
-        return ::testing::AssertionFailure() << "record slots in use " << records_->cur_count;
-    if (desc_->state & DYNSTR_STATE_DYNMEM_PENDING)
-        return ::testing::AssertionFailure() << "dynmem left pending";
-    return ::testing::AssertionSuccess();
+    return memm_test::storage_consistent(pool_, model_.size());
 }
 
 void run_model(int32_t buffers, uint32_t records, int32_t total_bytes, uint32_t seed, int steps) {
@@ -232,15 +195,11 @@ void run_model(int32_t buffers, uint32_t records, int32_t total_bytes, uint32_t 
             return;
     }
     // Every collection trigger was exercised along the way.
-    const auto *desc = static_cast<dynstr_pooldesc *>(memm_getpoolcookie_bypoolid(pool));
-    uint32_t by_reason[3] = {};
-    for (const auto &row : desc->gc_reason)
-        for (int r = 0; r < 3; r++)
-            by_reason[r] += row[r];
-    EXPECT_GT(by_reason[DYNSTR_GC_CTX_DEPLETED], 0u);
-    EXPECT_GT(by_reason[DYNSTR_GC_BUFFER_FULL], 0u);
+    const auto *desc = memm_test::string_pool(pool);
+    EXPECT_GT(memm_test::collections(pool, DYNSTR_GC_CTX_DEPLETED), 0u);
+    EXPECT_GT(memm_test::collections(pool, DYNSTR_GC_BUFFER_FULL), 0u);
     if (buffers > 1) {
-        EXPECT_GT(by_reason[DYNSTR_GC_CTX_BALANCE], 0u);
+        EXPECT_GT(memm_test::collections(pool, DYNSTR_GC_CTX_BALANCE), 0u);
     }
     EXPECT_GT(desc->recup_ctx, 0u);
     EXPECT_NE(desc->state & DYNSTR_STATE_DEPLETED, 0u);
