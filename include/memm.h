@@ -225,7 +225,8 @@ MEMM_API int      memm_print_timestats(const char *prefix);                     
 /* ================= Object listings and tagging ================= */
 /* Object lines end in "\n"; listings add "\r\n" around them. A listing with
  * limit L shows at most the last L + 1 objects in use of each pool (the limit
- * counts objects before the tag and filter tests). A null print function lists
+ * counts objects before the tag and filter tests); a limit above 2^31 - 1
+ * counts as no limit. A null print function lists
  * nothing. Pool 0's print hook writes the pool names to stdout, also when the
  * listing goes to a file.
  * Report files (dumps and lists) are appended to, never truncated. Their names

@@ -93,7 +93,9 @@ void memm_print_objects4(const char *prefix, uint32_t options, memm_print_fn pri
         return;
     PoolLock lock("memm_print_objects4");
     g_listing.counter = 0;
-    g_listing.limit = limit;
+    // A limit beyond what the signed counter holds lists everything, as no
+    // limit does, instead of wrapping round to a negative start.
+    g_listing.limit = limit > uint32_t(INT32_MAX) ? 0 : limit;
     for (uint32_t id = 0; id < loc_pool_count(); id++) {
         const memm_pooldesc *p = loc_pool(id);
         if (p && p->name && loc_prefix_selects(prefix, p->name))
