@@ -1,7 +1,8 @@
 /* A small daemon's data model on memm pools.
  *
- * The process keeps its sessions in a pool of fixed-size records instead of
- * on the general heap, and lists of them in a pool of list nodes. It
+ * The process keeps its configuration values as dynamic strings, its
+ * sessions in a pool of fixed-size records instead of on the general heap,
+ * and lists of them in a pool of list nodes. It
  * allocates, shares and releases sessions, lets the pool grow into extension
  * pools when traffic exceeds the planned count, tags everything that exists
  * after start-up so it can list what was created since (the way to hunt a
@@ -9,6 +10,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "dynstr.h"
 #include "llist.h"
 #include "memm.h"
 
@@ -51,16 +53,44 @@ static struct session *open_session(uint32_t pool, uint32_t id) {
     return s;
 }
 
+/* Configuration values live in a string pool: texts packed into a few
+ * buffers that a collector compacts, with maximum sizes where the device
+ * has fixed-size fields. */
+static int load_configuration(uint32_t cfg) {
+    dynstr *ifname = dynstr_fromliteral(cfg, "eth0"); /* a constant: not copied */
+    dynstr *mtu = dynstr_fromprintf(cfg, "%u", 1500u);
+    dynstr *label = dynstr_calloc_maxlen(cfg, 15);     /* a 15-character field */
+    dynstr *path = dynstr_fromstring(cfg, "/etc/net");
+    dynstr *file;
+
+    dynstr_setstring(label, "uplink-to-core-switch"); /* cut to the field */
+    dynstr_addsprintf(path, "/%s.conf", dynstr_getstring(ifname));
+    file = dynstr_fromlastsep(path, '/');
+    dynstr_sprintf(mtu, "%u", 9000u); /* reconfigured: the old text becomes dead space */
+    printf("  %s: mtu %s, label '%s', read from %s (%s)\n", dynstr_getstring(ifname), dynstr_getstring(mtu),
+           dynstr_getstring(label), dynstr_getstring(path), dynstr_getstring(file));
+    memm_free(file);
+    memm_free(path);
+    return ifname && mtu && label ? 0 : 1; /* the rest stays: it is the running configuration */
+}
+
 int main(void) {
     enum { PLANNED = 8, OPENED = 12 };
     memm_pool_options options;
-    uint32_t pool, nodes, i;
+    uint32_t pool, nodes, cfg, i;
     llist_node *active = NULL, *idle = NULL, *n;
     struct session *s;
 
-    /* Once per process: room for 16 pool descriptors, no string pools. */
-    if (memm_init(16, 0) != MEMM_OK)
+    /* Once per process: room for 16 pool descriptors and 2 string pools. */
+    if (memm_init(16, 2) != MEMM_OK)
         return 1;
+    cfg = dynstr_initpool("config", 64, 4096);
+    if (cfg == MEMM_INVALID_POOL)
+        return 1;
+    printf("Configuration:\n");
+    if (load_configuration(cfg) != 0)
+        return 1;
+
     memset(&options, 0, sizeof options);
     options.free_ex = on_session_closed;
     options.print2 = print_session;
@@ -69,7 +99,7 @@ int main(void) {
     if (pool == MEMM_INVALID_POOL || nodes == MEMM_INVALID_POOL)
         return 1;
 
-    printf("Start-up: two sessions, then everything that exists is tagged.\n");
+    printf("\nStart-up: two sessions, then everything that exists is tagged.\n");
     for (i = 1; i <= 2; i++)
         llist_addobject(&active, open_session(pool, i), nodes); /* the list takes our reference */
     memm_tag_objects(NULL, 1);
