@@ -140,7 +140,8 @@ typedef struct memm_pooldesc {
  *    commits more of it. Pointers from memm_get_pool_nolock and
  *    memm_get_currentcount_ptr therefore stay valid for the life of the
  *    process. Enlarging restarts pool 0's allocation and release counters;
- *    its counts of descriptors in use stay exact.
+ *    its counts of descriptors in use, its reference figures (pool 0's
+ *    ref_max is the peak over all pools) and its flags are kept.
  *  - The lock is a recursive mutex initialised statically, so a call made by
  *    mistake before memm_init meets a working lock (and fails cleanly).
  *

@@ -35,11 +35,16 @@ void loc_deplete(memm_pooldesc *p) {
     char msg[kIntegrityMsgSize] = "";
     if (!loc_memm_integrity_check(msg))
         loc_log("[MEMM] integrity check failed: %s", msg);
-    if (!(p->flags & MEMM_POOLFLAG_DEPLETION_REPORTED)) {
+    // The report runs the pools' print hooks; one that allocates from the
+    // depleted pool must not start the same report again inside it.
+    static bool reporting = false;
+    if (!(p->flags & MEMM_POOLFLAG_DEPLETION_REPORTED) && !reporting) {
+        reporting = true;
         loc_log("memm__calloc() failed for pool '%s' (%s), POOL DEPLETED !!!!!!!!!!!!!!!", p->name, kDepletedText);
         loc_memm_dump_stats("", uint32_t(getpid()), MEMM_REASON_POOL_DEPLETED, msg);
         loc_handle_list_objects(p->name, 0, 1, MEMM_REASON_POOL_DEPLETED);
         p->flags |= MEMM_POOLFLAG_DEPLETION_REPORTED;
+        reporting = false;
     }
     if (p->flags & MEMM_POOLFLAG_REBOOT_ON_DEPLETION)
         loc_log("memm__calloc() failed for pool '%s' (%s)", p->name, kDepletedText);

@@ -7,13 +7,14 @@ namespace memm_detail {
 namespace {
 
 // 1 when `obj` is exactly the object of one of the first max_count slots of
-// `p`'s own storage (slots ever handed out); the header is not read.
+// `p`'s own storage (slots ever handed out); the header is not read. The
+// pointer may belong to any allocation, so it is compared as a number.
 int is_exact_slot(const memm_pooldesc *p, const void *obj) {
-    const ptrdiff_t distance = static_cast<const uint8_t *>(obj) - p->storage;
-    const int32_t k = int32_t(distance / ptrdiff_t(p->slotsize));
-    if (distance < 0 || k < 0 || uint32_t(k) >= p->max_count)
+    const uintptr_t addr = reinterpret_cast<uintptr_t>(obj), base = reinterpret_cast<uintptr_t>(p->storage);
+    if (p->slotsize == 0 || addr < base + kHdrSize)
         return 0;
-    return obj == p->storage + size_t(k) * p->slotsize + kHdrSize;
+    const uintptr_t k = (addr - base) / p->slotsize;
+    return k < p->max_count && addr == base + k * p->slotsize + kHdrSize;
 }
 
 // The family (root pool id) of the object's own pool, 0xFFFFFFFF when none.
@@ -26,15 +27,17 @@ uint32_t family_of(void *obj) {
 
 memm_pooldesc *pool_of(void *obj) { return obj ? loc_pool(state_poolid(hdr_state(obj_to_slot(obj)))) : nullptr; }
 
-// First in-use slot at or after `slot` in `p`, then in the pools after it.
-uint8_t *first_in_use_from(memm_pooldesc *p, uint8_t *slot) {
-    while (p) {
-        for (; slot <= p->last_slot; slot += p->slotsize)
-            if (hdr_state(slot) != MEMM_STATE_FREE)
-                return slot;
-        if ((p = loc_next_in_chain(p)))
-            slot = p->storage;
-    }
+inline uint8_t *slot_at(const memm_pooldesc *p, uint32_t i) { return p->storage + size_t(i) * p->slotsize; }
+
+// First in-use slot from slot index i of `p` on, then in the pools after it.
+// Walks count slots rather than compare addresses, so a pool without
+// storage (a descriptor handed out by a direct allocation from pool 0) is
+// simply empty.
+uint8_t *first_in_use_from(memm_pooldesc *p, uint32_t i) {
+    for (; p; p = loc_next_in_chain(p), i = 0)
+        for (; i < p->alloc_count; i++)
+            if (hdr_state(slot_at(p, i)) != MEMM_STATE_FREE)
+                return slot_at(p, i);
     return nullptr;
 }
 
@@ -42,16 +45,15 @@ uint8_t *first_in_use_from(memm_pooldesc *p, uint8_t *slot) {
 // memm_getnext (the slot after `slot`, in the pool its header names).
 void *loc_getnext(uint32_t id, uint8_t *slot) {
     memm_pooldesc *p;
+    uint32_t i = 0;
     if (slot) {
         if (!(p = loc_pool(state_poolid(hdr_state(slot)))))
             return nullptr;
-        slot += p->slotsize;
-    } else {
-        if (!(p = loc_pool(id)))
-            return nullptr;
-        slot = p->storage;
+        i = uint32_t((slot - p->storage) / p->slotsize) + 1;
+    } else if (!(p = loc_pool(id))) {
+        return nullptr;
     }
-    uint8_t *found = first_in_use_from(p, slot);
+    uint8_t *found = first_in_use_from(p, i);
     return found ? slot_to_obj(found) : nullptr;
 }
 
@@ -60,11 +62,12 @@ void *loc_getnext(uint32_t id, uint8_t *slot) {
 uint32_t loc_enum_objects(uint32_t id, memm_enum_fn cb, void *ctx, bool single_pool) {
     uint32_t count = 0;
     for (memm_pooldesc *p = loc_pool(id); p; p = single_pool ? nullptr : loc_next_in_chain(p)) {
-        for (uint8_t *slot = p->storage; slot <= p->last_slot; slot += p->slotsize) {
-            if (hdr_state(slot) == MEMM_STATE_FREE)
+        for (uint32_t i = 0; i < p->alloc_count; i++) {
+            // Read when reached: a callback may release objects ahead.
+            if (hdr_state(slot_at(p, i)) == MEMM_STATE_FREE)
                 continue;
             count++;
-            if (!cb || !cb(slot_to_obj(slot), ctx))
+            if (!cb || !cb(slot_to_obj(slot_at(p, i)), ctx))
                 break;
         }
     }
@@ -123,7 +126,7 @@ int memm_instanceof_with_mem_range_check(void *obj, uint32_t poolid) {
         PoolLock lock("memm_instanceof");
         const memm_pooldesc *p = loc_pool(poolid);
         const uint8_t *slot = obj ? obj_to_slot(obj) : nullptr;
-        if (!p || slot < p->storage || slot > p->last_slot)
+        if (!p || !loc_in_storage(p, slot))
             return 0;
     }
     return memm_instanceof(obj, poolid);
@@ -210,9 +213,12 @@ void *memm_search(uint32_t poolid, void *ctx, memm_match_fn match) {
     PoolLock lock("memm_search");
     if (!match)
         return nullptr;
-    for (void *obj = loc_getnext(poolid, nullptr); obj; obj = loc_getnext(MEMM_INVALID_POOL, obj_to_slot(obj)))
-        if (match(obj, ctx))
-            return obj;
+    // The walk keeps its own position: a match function may release the
+    // object it is shown, which ends that object's header but not the walk.
+    for (memm_pooldesc *p = loc_pool(poolid); p; p = loc_next_in_chain(p))
+        for (uint32_t i = 0; i < p->alloc_count; i++)
+            if (hdr_state(slot_at(p, i)) != MEMM_STATE_FREE && match(slot_to_obj(slot_at(p, i)), ctx))
+                return slot_to_obj(slot_at(p, i));
     return nullptr;
 }
 

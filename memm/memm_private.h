@@ -49,7 +49,11 @@ struct Registry {
     std::atomic<uint8_t *> table{nullptr}; // pool 0's storage; null = not started
     std::atomic<uint32_t> capacity{0};     // pool 0's alloc_count
     size_t reserved_bytes = 0;              // address range kept for the table
+#ifdef PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
     pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+#else
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // made recursive on first use
+#endif
     const char *prev_reason = "";           // reason of the last successful lock
 };
 MEMM_INTERNAL extern Registry g_registry;
@@ -96,7 +100,9 @@ inline memm_pooldesc *desc_at(uint32_t id) { return reinterpret_cast<memm_poolde
 // The descriptor of the pool that `id` names, or null when it names none
 // (out of the table, 0xFFFFFFFF, or a free descriptor slot).
 inline memm_pooldesc *loc_pool(uint32_t id) {
-    if (id >= g_registry.capacity.load(std::memory_order_relaxed))
+    // Acquire: a reader without the lock that sees a grown capacity also
+    // sees the free markers of the new descriptor slots.
+    if (id >= g_registry.capacity.load(std::memory_order_acquire))
         return nullptr;
     if (hdr_state(desc_slot(id)) == MEMM_STATE_FREE)
         return nullptr;
@@ -111,15 +117,21 @@ inline uint32_t loc_pool_id(const memm_pooldesc *p) {
     return uint32_t((reinterpret_cast<const uint8_t *>(p) - kHdrSize - desc_slot(0)) / kDescSlotSize);
 }
 
+// `slot` lies between p's storage and last slot. The address may belong to
+// any allocation, so it is compared as a number.
+inline bool loc_in_storage(const memm_pooldesc *p, const void *slot) {
+    const uintptr_t addr = reinterpret_cast<uintptr_t>(slot);
+    return p->storage && addr >= reinterpret_cast<uintptr_t>(p->storage) &&
+           addr <= reinterpret_cast<uintptr_t>(p->last_slot);
+}
+
 // Header check: the header's pool id names a pool and the header lies inside
 // that pool's storage. Returns that pool, or null.
 inline memm_pooldesc *loc_header_pool(const uint8_t *slot) {
     if (!slot)
         return nullptr;
     memm_pooldesc *p = loc_pool(state_poolid(hdr_state(slot)));
-    if (!p || slot < p->storage || slot > p->last_slot)
-        return nullptr;
-    return p;
+    return p && loc_in_storage(p, slot) ? p : nullptr;
 }
 
 // ---- lock -----------------------------------------------------------------

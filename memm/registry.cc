@@ -185,7 +185,7 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
         loc_log("[MEMM] Error: memm_init() needs room for at least 2 pools (asked for %u)", pool_count);
         return MEMM_ERR_INVALID_ARG;
     }
-    // The mutex is statically initialised as recursive, so a call that comes
+    // The mutex is recursive from its first use on, so a call that comes
     // before memm_init cannot meet an uninitialised lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)
         return MEMM_ERR_NO_MEMORY;

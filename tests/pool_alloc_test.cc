@@ -274,3 +274,27 @@ TEST(Depletion, IntegrityFaultIsLoggedAtEveryDepletedAllocation) {
               2u);
     EXPECT_EQ(log_count(depleted_line("broken")), 1u);
 }
+
+namespace {
+uint32_t g_hungry_pool;
+int g_hook_allocations;
+// A listing hook that (wrongly) allocates from the pool being listed.
+void allocating_print2(void *, memm_print_fn) {
+    g_hook_allocations++;
+    EXPECT_EQ(memm_calloc(g_hungry_pool), nullptr);
+}
+} // namespace
+
+TEST(Depletion, AHookAllocatingDuringTheReportDoesNotRestartIt) {
+    ASSERT_EQ(memm_init(4, 0), MEMM_OK);
+    memm_pool_options opts = {};
+    opts.print2 = allocating_print2;
+    g_hungry_pool = memm_initpool("hungry", 2, 8, &opts);
+    memm_disallow_expansion(g_hungry_pool);
+    fill(g_hungry_pool, 2);
+    memm_test::clear_logs();
+    EXPECT_EQ(memm_calloc(g_hungry_pool), nullptr);
+    EXPECT_EQ(g_hook_allocations, 2); // one line per listed object, each allocating once
+    EXPECT_EQ(log_count(depleted_line("hungry")), 1u);
+    EXPECT_EQ(log_count(reboot_line("hungry")), 3u);
+}

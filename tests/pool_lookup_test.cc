@@ -178,6 +178,35 @@ TEST(Walks, SearchFindsTheFirstMatchInWalkOrder) {
     EXPECT_EQ(memm_search(c.root, &key, match), nullptr);
 }
 
+TEST(Walks, SearchGoesOnWhenTheMatchFunctionReleasesObjects) {
+    ASSERT_EQ(memm_init(4, 0), MEMM_OK);
+    Chain c = make_chain();
+    for (size_t i = 0; i < c.objs.size(); i++)
+        *static_cast<int *>(c.objs[i]) = int(i);
+    int key = 7;
+    // Releases every object that is not the one sought.
+    auto release_others = [](void *obj, void *ctx) {
+        if (*static_cast<int *>(obj) == *static_cast<int *>(ctx))
+            return 1;
+        memm_free(obj);
+        return 0;
+    };
+    EXPECT_EQ(memm_search(c.root, &key, release_others), c.objs[7]);
+    EXPECT_EQ(memm_get_pool_nolock(c.root)->cur_count, 3u); // 7, 8 and 9 are left
+}
+
+TEST(Walks, ADescriptorTakenDirectlyFromPoolZeroIsAnEmptyPool) {
+    ASSERT_EQ(memm_init(4, 0), MEMM_OK);
+    void *desc = memm_calloc(MEMM_POOLDESC_POOL);
+    ASSERT_NE(desc, nullptr);
+    const uint32_t id = memm_getindex(desc);
+    EXPECT_EQ(memm_getfirst(id), nullptr);
+    EXPECT_EQ(memm_enum_objects(id, nullptr, nullptr), 0u);
+    EXPECT_EQ(memm_search(id, nullptr, [](void *, void *) { return 1; }), nullptr);
+    int x;
+    EXPECT_EQ(memm_isvalidobj_ex(&x), 0);
+}
+
 TEST(Walks, EnumerationStopsPerPool) {
     ASSERT_EQ(memm_init(4, 0), MEMM_OK);
     Chain c = make_chain();
