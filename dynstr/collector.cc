@@ -115,17 +115,32 @@ Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
     return w;
 }
 
+// Buffer g's lowest deleted record as recorded. One that is no longer a
+// placeholder of buffer g (its memory written after its release) would send
+// the compaction into another buffer: then the list is searched instead.
+dynstr *first_deleted_of(dynstr_pooldesc *pool, uint32_t g) {
+    dynstr *d = pool->buf_firstdel[g];
+    if (!d || (is_deleted(d) && loc_getbuffernr(d) == g))
+        return d;
+    loc_log("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong first deleted dynstr.");
+    uint32_t n = 0;
+    for (d = pool->buf_first[g]; d && n <= pool->capacity; d = d->next, n++)
+        if (is_deleted(d))
+            return d;
+    return nullptr;
+}
+
 } // namespace
 
 void loc_dynstr_gc(dynstr_pooldesc *pool, int reason) {
     const uint32_t g = (pool->curbuffer + 1) % uint32_t(pool->buffercount);
-    dynstr *first_deleted = pool->buf_firstdel[g];
+    dynstr *first_deleted = first_deleted_of(pool, g);
     if (pool->calls_since_gc < pool->mincalls)
         pool->mincalls = pool->calls_since_gc;
     pool->calls_since_gc = 0;
     if (pool->buf_first[g] == first_deleted)
         pool->buf_first[g] = nullptr; // set again at the first survivor
-    pool->fill_sum += pool->buf_used[g] * 100 / uint32_t(pool->buffersize);
+    pool->fill_sum += uint32_t(uint64_t(pool->buf_used[g]) * 100 / uint32_t(pool->buffersize));
 
     g_family.gc_running = true;
     const Compaction w = compact(pool, g, first_deleted);

@@ -35,7 +35,7 @@ void clear_behind_text(char *text, size_t written) {
 
 uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap) {
     dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    if (!pool)
+    if (!pool || is_deleted(d)) // see loc_setsubstring
         return MEMM_ERR_INVALID_ARG;
     const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
     dynstr *old;

@@ -24,8 +24,12 @@ memm_pooldesc *pool_of_object(const void *obj) {
 dynstr_pooldesc *as_pooldesc(void *cookie) {
     if (!cookie)
         return nullptr;
+    // Any pool may carry a cookie: read a header only in front of an object
+    // of the descriptor pool, whose storage never grows.
     const uint8_t *slot = static_cast<const uint8_t *>(cookie) - memm_detail::kHdrSize;
-    if (memm_detail::state_poolid(memm_detail::hdr_state(slot)) != g_family.class_id)
+    const memm_pooldesc *descs = memm_detail::loc_pool(g_family.class_id);
+    if (!descs || !memm_detail::loc_in_storage(descs, slot) ||
+        memm_detail::state_poolid(memm_detail::hdr_state(slot)) != g_family.class_id)
         return nullptr;
     return static_cast<dynstr_pooldesc *>(cookie);
 }
@@ -130,6 +134,11 @@ uint32_t dynstr_initpool2(const char *name, uint32_t count, int32_t total_bytes,
     }
     if (buffers < 1) {
         loc_log("[DYNSTR] dynstr_initpool(): invalid buffer count %d", int(buffers));
+        return MEMM_INVALID_POOL;
+    }
+    // The record pool holds count + 5 slots, a signed 32-bit pool count.
+    if (count > uint32_t(INT32_MAX) - DYNSTR_POOL_RESERVE) {
+        loc_log("[DYNSTR] dynstr_initpool(): invalid record count %u", count);
         return MEMM_INVALID_POOL;
     }
     // A buffer larger than the long size form could hold a merged
@@ -246,11 +255,16 @@ uint32_t dynstr_setmaxsize_nolock(dynstr *d, uint32_t maxsize) {
         loc_log("[DYNSTR] \"dynstr_setmaxsize() invalid param\"");
         return MEMM_ERR_INVALID_ARG;
     }
-    uint32_t cut = MEMM_OK;
-    if (maxsize && size_of(d) > maxsize)
-        cut = loc_setsubstring(d, d->str, nullptr, 0, int32_t(maxsize - 1));
-    const uint32_t set = loc_setmaxsize(d, maxsize);
-    return cut != MEMM_OK ? cut : set;
+    if (maxsize && size_of(d) > maxsize) {
+        // A failed cut keeps the text, so it keeps the old maximum too: a
+        // maximum below the text's size would break the record.
+        const uint32_t cut = loc_setsubstring(d, d->str, nullptr, 0, int32_t(maxsize - 1));
+        if (cut != MEMM_OK && size_of(d) > maxsize)
+            return cut;
+        const uint32_t set = loc_setmaxsize(d, maxsize);
+        return cut != MEMM_OK ? cut : set;
+    }
+    return loc_setmaxsize(d, maxsize);
 }
 
 uint32_t dynstr_setmaxsize(dynstr *d, uint32_t maxsize) {

@@ -10,14 +10,15 @@ namespace {
 constexpr size_t kPreviewChars = 50;
 constexpr size_t kPreviewKeep = 47; // longer texts show this many characters and "..."
 
-// Percentages of the pool line: 32-bit products, signed division, 0 for a
-// zero divisor.
+// Percentages: signed division for the pool lines, 0 for a zero divisor.
+// The products are taken in 64 bits: a daemon's lifetime counters (bytes
+// reclaimed, collections) pass 2^32 / 100 long before they pass 2^32.
 int pct_signed(uint32_t part, uint32_t whole) {
     const int32_t den = int32_t(whole);
-    return den ? int(int64_t(int32_t(part * 100u)) / den) : 0;
+    return den ? int(int64_t(int32_t(part)) * 100 / den) : 0;
 }
 
-unsigned pct_unsigned(uint32_t part, uint32_t whole) { return whole ? part * 100u / whole : 0; }
+unsigned pct_unsigned(uint32_t part, uint32_t whole) { return whole ? unsigned(uint64_t(part) * 100u / whole) : 0; }
 
 unsigned per_gc(uint32_t total, uint32_t gc_count) { return gc_count ? total / gc_count : 0; }
 
@@ -38,8 +39,9 @@ void print_pool_lines(const dynstr_pooldesc *pool, uint32_t *live_total, uint32_
     *capacity_total += capacity;
 
     for (int k = 0; k < pool->buffercount; k++) {
+        // Bounded like the integrity check: a broken list must not hang a report.
         uint32_t records = 0;
-        for (const dynstr *d = pool->buf_first[k]; d; d = d->next)
+        for (const dynstr *d = pool->buf_first[k]; d && records <= pool->capacity; d = d->next)
             records++;
         const uint32_t buf_live = pool->buf_used[k] - pool->buf_delbytes[k];
         print("\r\n %3s %s%13s %d, %13s%6d,%6d   %6d,%6d,%6d  ( %3d%%)    curr:%5d%%", "",

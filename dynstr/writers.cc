@@ -39,7 +39,9 @@ Piece record_piece(const dynstr *src, int32_t offset, int32_t length) {
 
 uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length) {
     dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    if (!pool || (!src && !src_rec))
+    // A deleted record is a placeholder the collector still tracks: writing
+    // into it would revive dead space behind the collector's back.
+    if (!pool || is_deleted(d) || (!src && !src_rec))
         return MEMM_ERR_INVALID_ARG;
     const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
     dynstr *old;

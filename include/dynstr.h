@@ -27,6 +27,19 @@
  *    is stripped of its hooks, cookie and counter links. It stays registered
  *    as an inert plain pool, so its name remains taken and no string
  *    operation accepts its id.
+ *  - dynstr_initpool2 refuses a record count above 2^31 - 6 (the record pool
+ *    holds count + 5 slots): "[DYNSTR] dynstr_initpool(): invalid record
+ *    count %u".
+ *  - Writers refuse a released record that is still a deleted placeholder
+ *    (MEMM_ERR_INVALID_ARG): writing into it would revive dead space.
+ *  - dynstr_setmaxsize whose cut of a longer text fails (no record slot for
+ *    the old text) keeps the text and the old maximum and returns the
+ *    failure, so a maximum never lies below the text's size.
+ *  - The temporary record that holds a record's old text while a writer
+ *    works records the string's own allocation site, so a listing of the
+ *    placeholder it leaves names the code that made the text.
+ *  - Statistics percentages are computed with 64-bit products, so they stay
+ *    right after the lifetime counters pass 2^32 / 100.
  *  - dynstr_pool_set_dellist_threshold takes (pool, threshold) and does
  *    nothing.
  */

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "dynstr.h"
 #include "report_files.h"
@@ -78,6 +79,12 @@ TEST(DynstrDeletion, ReleasingAPlaceholderAgainFails) {
     memm_test::clear_logs();
     EXPECT_EQ(memm_free(a), MEMM_ERR_HOOK_FAILED);
     EXPECT_EQ(log_count("[DYNSTR] loc_dynstr_free_ex: dynstr is already freed"), 1u);
+    EXPECT_EQ(desc_of(pool)->delcount, 1u);
+    EXPECT_EQ(dynstr_integrity_check(pool, 0), 1);
+    // Writing into the placeholder is refused: it would revive dead space.
+    EXPECT_EQ(dynstr_setstring(a, "revived"), MEMM_ERR_INVALID_ARG);
+    EXPECT_EQ(dynstr_sprintf(a, "%s", "revived"), MEMM_ERR_INVALID_ARG);
+    EXPECT_EQ(dynstr_addstring(a, "revived"), MEMM_ERR_INVALID_ARG);
     EXPECT_EQ(desc_of(pool)->delcount, 1u);
     EXPECT_EQ(dynstr_integrity_check(pool, 0), 1);
 }
@@ -262,6 +269,8 @@ TEST(DynstrPools, BufferCountAndSizeFollowTheRecordCount) {
     EXPECT_EQ(dynstr_init(3), MEMM_ERR_NO_MEMORY);
     EXPECT_EQ(log_count("dynstring init failed"), 1u);
     EXPECT_EQ(dynstr_getstring(four->anchor), std::string(DYNSTR_TEXT_NOT_DYNSTR));
+    EXPECT_EQ(dynstr_initpool("huge", 0x7FFFFFFBu, 1000), MEMM_INVALID_POOL);
+    EXPECT_EQ(log_count("[DYNSTR] dynstr_initpool(): invalid record count 2147483643"), 1u);
 }
 
 TEST(DynstrPools, SetMaxsizeAndReset) {
@@ -277,6 +286,20 @@ TEST(DynstrPools, SetMaxsizeAndReset) {
     EXPECT_EQ(dynstr_strlen(d), 2999u);
     EXPECT_EQ(dynstr_getmaxsize(d), 0u);
     ASSERT_EQ(dynstr_setmaxsize(d, 16), MEMM_OK);
+    // No slot left for the old text: the cut fails and the maximum stays.
+    std::vector<dynstr *> filler;
+    while (dynstr *f = dynstr_calloc(pool))
+        filler.push_back(f);
+    memm_lock("test");
+    while (void *f = memm_calloc_nolock_nogc(pool))
+        filler.push_back(static_cast<dynstr *>(f));
+    memm_unlock();
+    EXPECT_EQ(dynstr_setmaxsize(d, 4), MEMM_ERR_NO_MEMORY);
+    EXPECT_EQ(dynstr_strlen(d), 15u);
+    EXPECT_EQ(dynstr_getmaxsize(d), 16u);
+    EXPECT_EQ(dynstr_integrity_check(pool, 0), 1);
+    for (dynstr *f : filler)
+        memm_free(f);
     EXPECT_EQ(dynstr_reset(d), MEMM_OK);
     EXPECT_EQ(d->str, nullptr);
     EXPECT_EQ(dynstr_getmaxsize(d), 0u);
