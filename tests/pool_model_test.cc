@@ -49,6 +49,26 @@ void expect_sound_chain(uint32_t root) {
     }
 }
 
+// The walks, indexes and validity tests agree with the model: the chain is
+// walked pool by pool in address order, and every live object's chain index
+// leads back to it.
+void expect_walks_match(uint32_t root, const std::map<uint8_t *, Live> &model) {
+    std::vector<void *> expected;
+    for (uint32_t id = root; id; id = memm_get_pool_nolock(id)->next_pool)
+        for (auto &entry : model) // a map: address order
+            if (memm_get_poolid(entry.first) == id)
+                expected.push_back(entry.first);
+    std::vector<void *> walked;
+    for (void *o = memm_getfirst(root); o; o = memm_getnext(o))
+        walked.push_back(o);
+    ASSERT_EQ(walked, expected);
+    ASSERT_EQ(memm_enum_objects(root, [](void *, void *) { return 1; }, nullptr), model.size());
+    for (void *o : expected) {
+        ASSERT_EQ(memm_getobject_byindex(root, int32_t(memm_getindex(o))), o);
+        ASSERT_TRUE(memm_isvalidobj(o) && memm_isvalidobjfrompool(memm_get_poolid(o), o));
+    }
+}
+
 } // namespace
 
 TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
@@ -105,6 +125,7 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
                     extra += l.refs - 1;
                 }
                 EXPECT_EQ(chain_sum(pools[w], [](const memm_pooldesc *p) { return p->cur_count; }), live[w].size());
+                expect_walks_match(pools[w], live[w]);
                 EXPECT_EQ(int64_t(chain_sum(pools[w], [](const memm_pooldesc *p) { return uint64_t(p->ref_cur); })),
                           extra);
             }

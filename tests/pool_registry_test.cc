@@ -262,15 +262,3 @@ TEST(Slots, OneByteObjectsShareNoWordsWithTheirNeighbours) {
     }
     EXPECT_EQ(memm_get_pool_nolock(id)->cur_count, 0u);
 }
-
-TEST(Lock, NestedLockingFromOneThreadDoesNotDeadlock) {
-    ASSERT_EQ(memm_init(4, 0), MEMM_OK);
-    uint32_t id = memm_initpool("nested", 4, 8, nullptr);
-    memm_lock("outer");
-    memm_lock("inner");
-    void *obj = memm_calloc(id);
-    EXPECT_NE(obj, nullptr);
-    EXPECT_EQ(memm_free(obj), MEMM_OK);
-    EXPECT_EQ(memm_unlock(), 0);
-    EXPECT_EQ(memm_unlock(), 0);
-}
