@@ -63,9 +63,13 @@ uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t o
         // The old text stays readable (it belongs to `old` now), so a source
         // inside it is safe; the new text never overlaps it.
         if (int64_t(size) <= loc_getfreespace(pool, d) || loc_dynmem_alloc(pool, d, int32_t(size))) {
-            memcpy(d->str, piece.text, size - 1);
-            d->str[size - 1] = '\0';
-            loc_setstrsize(d, uint32_t(size));
+            // Bounded by the source's terminator too: a literal whose text
+            // changed under it may be shorter than its size says, and the
+            // bytes behind its terminator must not land in the free tail.
+            const size_t len = strnlen(piece.text, size - 1);
+            memcpy(d->str, piece.text, len);
+            d->str[len] = '\0';
+            loc_setstrsize(d, uint32_t(len + 1));
         } else {
             staging_failed = true;
         }

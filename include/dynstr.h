@@ -206,7 +206,8 @@ MEMM_API dynstr  *dynstr_fromdynstr_nolock(dynstr *src);                        
 MEMM_API dynstr  *dynstr_fromsubdynstr(dynstr *src, int32_t offset, int32_t length);        /* new record in src's pool, or null */
 MEMM_API dynstr  *dynstr_fromsubdynstr_nolock(dynstr *src, int32_t offset, int32_t length); /* new record in src's pool, or null */
 /* A record that refers to literal itself, which must outlive the record
- * and never change. It takes no buffer space. */
+ * and never change. It takes no buffer space. Never pass a text from
+ * dynstr_getstring: buffered texts move and die; copy them instead. */
 MEMM_API dynstr  *dynstr_fromliteral(uint32_t pool, const char *literal);         /* new record referring to literal (not copied), or null */
 MEMM_API dynstr  *dynstr_fromliteral_nolock(uint32_t pool, const char *literal);  /* new record referring to literal (not copied), or null */
 /* The text behind the last sep of a live, non-empty src, in src's pool
@@ -258,7 +259,8 @@ MEMM_API uint32_t dynstr_setsubstring(dynstr *d, const char *s, int32_t offset, 
  * live records. */
 MEMM_API uint32_t dynstr_setsubdynstr(dynstr *d, dynstr *src, int32_t offset, int32_t length);    /* result code */
 /* Makes d refer to literal (not copied; it must outlive its use and never
- * change); d's old buffered text becomes deleted space. When d's maximum
+ * change, so not a text from dynstr_getstring); d's old buffered text
+ * becomes deleted space. When d's maximum
  * size is not above strlen(literal), a copy cut to maximum size - 1 is
  * stored instead. MEMM_ERR_INVALID_ARG for a null argument or a d that is
  * not a live record; MEMM_ERR_NO_MEMORY with d unchanged when no record is
