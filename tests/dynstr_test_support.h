@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include "dynstr.h"
 
 namespace memm_test {
@@ -30,8 +32,7 @@ inline ::testing::AssertionResult storage_consistent(uint32_t pool, size_t live)
             if (d->prev != prev || d->str != desc->buf_base[k] + b_used)
                 return ::testing::AssertionFailure() << "buffer " << k << " not packed in list order";
             const uint32_t size = DYNSTR_SIZE(d->flags);
-            b_used += size;
-            b_count++;
+            b_used += size, b_count++;
             if (d->flags & DYNSTR_FLAG_DELETED)
                 b_del++, b_delbytes += size;
         }
@@ -52,13 +53,19 @@ inline ::testing::AssertionResult storage_consistent(uint32_t pool, size_t live)
         return ::testing::AssertionFailure() << "pool counters usedbytes/delbytes/delcount " << desc->usedbytes << "/"
                                              << desc->delbytes << "/" << desc->delcount << ", walked " << used << "/"
                                              << delbytes << "/" << delcount;
-    const memm_pooldesc *records = memm_get_pool_nolock(pool);
-    if (records->cur_count != live + delcount + 1)
-        return ::testing::AssertionFailure() << "record slots in use " << records->cur_count << ", expected "
-                                             << live + delcount + 1;
+    const uint32_t slots = memm_get_pool_nolock(pool)->cur_count;
+    if (slots != live + delcount + 1)
+        return ::testing::AssertionFailure() << "record slots in use " << slots << ", expected " << live + delcount + 1;
     if (desc->state & DYNSTR_STATE_DYNMEM_PENDING)
         return ::testing::AssertionFailure() << "dynmem left pending";
     return ::testing::AssertionSuccess();
+}
+
+// The allocation site recorded in a record's header.
+inline void *allocfrom(const dynstr *d) {
+    void *at;
+    memcpy(&at, reinterpret_cast<const char *>(d) - MEMM_OBJHDR_SIZE + 8, sizeof at);
+    return at;
 }
 
 // Collections run so far in the pool for one reason, over all buffers.

@@ -1,31 +1,19 @@
-// Object lines and listings: tag options, list filters, the limit, the count
-// check and extension pools.
+// Object lines, listings (tag options, limit, filters, extension pools, the
+// count check) and tagging.
 #include <gtest/gtest.h>
-#include <string.h>
 
-#include <string>
-#include <vector>
-
+#include "dynstr.h"
 #include "memm.h"
 #include "report_files.h"
 #include "syslog_capture.h"
 
-using memm_test::fmt;
-using memm_test::print_capture;
-using memm_test::take_printed;
+using namespace memm_test;
 
 namespace {
 
-unsigned long addr(const void *p) { return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)); }
-
-void *allocfrom(void *obj) {
-    void *caller;
-    memcpy(&caller, static_cast<uint8_t *>(obj) - MEMM_OBJHDR_SIZE + 8, sizeof caller);
-    return caller;
-}
-
 std::string object_line(void *obj, const char *name, int index, int refs = 1, bool tagged = false) {
-    return fmt("%d.%s.%d.0x%08lx allocfrom=%p", int(memm_get_poolid(obj)), name, index, addr(obj), allocfrom(obj)) +
+    const memm_objhdr *hdr = reinterpret_cast<memm_objhdr *>(static_cast<uint8_t *>(obj) - MEMM_OBJHDR_SIZE);
+    return fmt("%d.%s.%d.0x%08lx allocfrom=%p", int(memm_get_poolid(obj)), name, index, addr(obj), hdr->allocfrom) +
            (refs > 1 ? fmt(".[%d refs]\n", refs) : "") + (tagged ? ".[tagged]\n" : ".[untagged]\n");
 }
 
@@ -33,157 +21,129 @@ std::string entry(void *obj, const char *name, int index, bool tagged = false) {
     return " \r\n" + object_line(obj, name, index, 1, tagged) + "\r\n";
 }
 
-std::string pool_section(const char *name, int cur, int max, int avail, const std::string &objects) {
+std::string section(const char *name, int cur, int max, int avail, const std::string &objects,
+                    const char *hook_lines = "") {
     return fmt("\r\n====== LIST OF STATISTICS OF POOL %s ======\r\n", name) +
            fmt("%s%susage cur/max/avail (max.%%): %d/%d/%d (%d%%)\r\n", name, "..........................", cur, max,
                avail, max * 100 / avail) +
-           fmt("\r\n====== LIST OF OBJECTS IN POOL %s ======\r\n", name) + objects;
+           hook_lines + fmt("\r\n====== LIST OF OBJECTS IN POOL %s ======\r\n", name) + objects;
 }
 
-std::string listing(const char *prefix, uint32_t options, uint32_t limit = 0) {
-    take_printed();
-    memm_print_objects4(prefix, options, print_capture, limit);
-    return take_printed();
-}
-
-std::string printed_object(void *obj, int details) {
+std::string printed(void *obj, int details) {
     take_printed();
     EXPECT_EQ(memm_printobject2(obj, details, print_capture), 0);
     return take_printed();
 }
 
-std::vector<void *> fill(uint32_t id, int n) {
-    std::vector<void *> objs;
-    for (int i = 0; i < n; i++)
-        objs.push_back(memm_calloc(id));
-    return objs;
-}
+bool tagged(void *obj) { return printed(obj, 0).find(".[tagged]") != std::string::npos; }
 
-std::string g_hook_calls;
-void print_hook(void *) { g_hook_calls += "print;"; }
+int g_print_calls;
+void print_hook(void *) { g_print_calls++; }
 void print2_hook(void *obj, memm_print_fn print) { print(" - my object %d", *static_cast<int *>(obj)); }
+
+// Listings hand the hook scratch totals, never null ones.
+const char kPoolLines[] = "    - pool lines\r\n";
+void pool_lines(void *, uint32_t *cur, uint32_t *max, uint32_t *avail, memm_print_fn print) {
+    *cur += *max + *avail;
+    print("%s", kPoolLines);
+}
 
 } // namespace
 
-TEST(ListingObjectLine, NullReleasedReferencedAndTaggedObjects) {
-    ASSERT_EQ(memm_init(8, 0), MEMM_OK);
-    uint32_t id = memm_initpool("lines", 4, 8, nullptr);
-    std::vector<void *> objs = fill(id, 3);
-    EXPECT_NE(allocfrom(objs[0]), nullptr);
-
-    EXPECT_EQ(printed_object(nullptr, 1), " Obj is 0x0: null !!\n");
-    EXPECT_EQ(printed_object(objs[1], 1), object_line(objs[1], "lines", 1));
-    memm_refalloc(objs[1]);
-    memm_refalloc(objs[1]);
-    EXPECT_EQ(printed_object(objs[1], 1), object_line(objs[1], "lines", 1, 3));
-    memm_tag_objects("lines", 1);
-    EXPECT_EQ(printed_object(objs[2], 1), object_line(objs[2], "lines", 2, 1, true));
-    memm_free(objs[2]);
-    EXPECT_EQ(printed_object(objs[2], 1), fmt("\n ?.?.?.0x%08lx: invalid object\n", addr(objs[2])));
-}
-
-TEST(ListingObjectLine, DetailsPreferPrint2OverPrint) {
+TEST(ListingObjectLine, EveryKindOfObject) {
     ASSERT_EQ(memm_init(8, 0), MEMM_OK);
     memm_pool_options both{};
     both.print = print_hook;
     both.print2 = print2_hook;
-    uint32_t with_both = memm_initpool("both", 2, 8, &both);
-    uint32_t only_print = memm_initpool2("plain", 2, 8, print_hook, nullptr);
-    int *a = static_cast<int *>(memm_calloc(with_both));
-    *a = 42;
-    void *b = memm_calloc(only_print);
+    std::vector<void *> objs = fill(memm_initpool("lines", 4, 8, &both), 3);
+    *static_cast<int *>(objs[0]) = 42;
+    void *plain = memm_calloc(memm_initpool2("plain", 2, 8, print_hook, nullptr));
 
-    EXPECT_EQ(printed_object(a, 1), object_line(a, "both", 0) + " - my object 42");
-    EXPECT_EQ(printed_object(a, 0), object_line(a, "both", 0));
-    EXPECT_EQ(printed_object(b, 1), object_line(b, "plain", 0)); // print prints by its own means
-    EXPECT_EQ(g_hook_calls, "print;");
+    EXPECT_EQ(printed(nullptr, 1), " Obj is 0x0: null !!\n");
+    EXPECT_EQ(printed(objs[0], 0), object_line(objs[0], "lines", 0));
+    EXPECT_EQ(printed(objs[0], 1), object_line(objs[0], "lines", 0) + " - my object 42"); // print2 before print
+    EXPECT_EQ(printed(plain, 1), object_line(plain, "plain", 0)); // print prints by its own means
+    EXPECT_EQ(g_print_calls, 1);
+    memm_refalloc(objs[1]);
+    memm_refalloc(objs[1]);
+    memm_tag_objects("lines", 1);
+    EXPECT_EQ(printed(objs[1], 0), object_line(objs[1], "lines", 1, 3, true));
+    memm_free(objs[2]);
+    EXPECT_EQ(printed(objs[2], 1), fmt("\n ?.?.?.0x%08lx: invalid object\n", addr(objs[2])));
 }
 
-TEST(ListingObjects, UntaggedByDefaultTaggedOnRequest) {
-    ASSERT_EQ(memm_init(8, 0), MEMM_OK);
-    uint32_t id = memm_initpool("tg", 6, 8, nullptr);
-    memm_initpool("other", 2, 8, nullptr);
-    std::vector<void *> objs = fill(id, 2);
-    memm_tag_objects("tg", 1);
-    for (void *o : fill(id, 2))
-        objs.push_back(o);
-
-    EXPECT_EQ(listing("tg", 0), pool_section("tg", 4, 4, 6, entry(objs[2], "tg", 2) + entry(objs[3], "tg", 3)) + "\r\n");
-    EXPECT_EQ(listing("tg", MEMM_LIST_OPT_ONLY_TAGGED),
-              pool_section("tg", 4, 4, 6, entry(objs[0], "tg", 0, true) + entry(objs[1], "tg", 1, true)) + "\r\n");
-    memm_tag_objects("tg", 1);
-    EXPECT_EQ(listing("tg", 0), pool_section("tg", 4, 4, 6, "") + "\r\n");
-    EXPECT_EQ(listing("nothing", 0), "\r\n");
-}
-
-namespace {
-std::vector<uint32_t> g_filter_options;
-int odd_only(void *obj, uint32_t options) {
-    g_filter_options.push_back(options);
-    return *static_cast<int *>(obj) % 2;
-}
-int g_scratch_seen;
-void listing_stats(void *, uint32_t *cur, uint32_t *max, uint32_t *avail, memm_print_fn print) {
-    g_scratch_seen += cur && max && avail;
-    *cur += 1;
-    print("    - pool lines\r\n");
-}
-} // namespace
-
-TEST(ListingObjects, ListFilterAndPrintStatsHooks) {
-    ASSERT_EQ(memm_init(8, 0), MEMM_OK);
+TEST(ListingObjects, OptionsLimitExtensionsAndCountCheck) {
+    ASSERT_EQ(memm_init(8, 4), MEMM_OK);
     memm_pool_options opts{};
-    opts.list_filter = odd_only;
-    opts.print_stats = listing_stats;
-    uint32_t id = memm_initpool("filtered", 4, 8, &opts);
-    std::vector<void *> objs = fill(id, 3);
-    for (int i = 0; i < 3; i++)
-        *static_cast<int *>(objs[size_t(i)]) = i;
-    const uint32_t options = MEMM_LIST_OPT_REQUESTED | MEMM_LIST_OPT_HIDE_DELETED_DYNSTR;
-    std::string out = listing("filtered", options);
-    std::string expected = pool_section("filtered", 3, 3, 4, entry(objs[1], "filtered", 1)) + "\r\n";
-    expected.insert(expected.find("\r\n====== LIST OF OBJECTS"), "    - pool lines\r\n");
-    EXPECT_EQ(out, expected);
-    EXPECT_EQ(g_filter_options, std::vector<uint32_t>(3, options));
-    EXPECT_EQ(g_scratch_seen, 1);
-}
-
-TEST(ListingObjects, LimitListsTheLastLPlusOneObjects) {
-    ASSERT_EQ(memm_init(8, 0), MEMM_OK);
-    uint32_t id = memm_initpool("many", 300, 8, nullptr);
-    std::vector<void *> objs = fill(id, 300);
-    std::string expected;
-    for (int i = 49; i < 300; i++)
-        expected += entry(objs[size_t(i)], "many", i);
-    EXPECT_EQ(listing("many", 0, 250), pool_section("many", 300, 300, 300, expected) + "\r\n");
-
-    // The limit counts objects before the tag test; the next listing starts anew.
+    opts.print_stats = pool_lines;
+    const uint32_t id = memm_initpool("many", 10, 8, &opts);
+    memm_initpool("other", 2, 8, nullptr);
+    std::vector<void *> objs = fill(id, 5);
     memm_tag_objects("many", 1);
-    EXPECT_EQ(listing("many", MEMM_LIST_OPT_ONLY_TAGGED, 298).find(entry(objs[0], "many", 0, true)), std::string::npos);
-    EXPECT_NE(listing("many", MEMM_LIST_OPT_ONLY_TAGGED, 0).find(entry(objs[0], "many", 0, true)), std::string::npos);
-    EXPECT_NE(listing("many", MEMM_LIST_OPT_ONLY_TAGGED, 299).find(entry(objs[0], "many", 0, true)), std::string::npos);
+    for (void *o : fill(id, 6))
+        objs.push_back(o); // objects 0-4 tagged, 5-10 not; 10 in an extension pool, listed on its own turn
+
+    // A limit L passes over all but the last L + 1 objects of each pool,
+    // counting before the tag test; from 2^31 on it counts as no limit.
+    const uint32_t T = MEMM_LIST_OPT_ONLY_TAGGED;
+    const uint32_t cases[][3] = {// options, limit, first index listed
+                                 {0, 0, 0},          {0, 2, 7}, {0, 6, 3}, {0, 1u << 31, 0},
+                                 {0, UINT32_MAX, 0}, {T, 0, 0}, {T, 6, 3}, {T, 9, 0}};
+    for (const auto &c : cases) {
+        std::string objects;
+        for (uint32_t i = c[2]; i < 10; i++)
+            if ((i < 5) == (c[0] == T))
+                objects += entry(objs[i], "many", int(i), i < 5);
+        const std::string ext = section("many", 1, 1, 3, c[0] == T ? "" : entry(objs[10], "many", 0), kPoolLines);
+        EXPECT_EQ(listing("many", c[0], c[1]), section("many", 10, 10, 10, objects, kPoolLines) + ext + "\r\n")
+            << c[0] << " " << c[1];
+    }
+    EXPECT_EQ(listing("nothing", 0), "\r\n");
+
+    // String pools hide deleted placeholders on request, through their list_filter.
+    const uint32_t strings = dynstr_initpool("hiding", 20, 4096);
+    dynstr *kept = dynstr_fromstring(strings, "kept"), *gone = dynstr_fromstring(strings, "gone");
+    dynstr_fromstring(strings, "after");
+    memm_free(gone);
+    const std::string all = listing("hiding", 0), shown = listing("hiding", MEMM_LIST_OPT_HIDE_DELETED_DYNSTR);
+    auto has = [](const std::string &text, void *obj) {
+        return text.find(fmt("0x%08lx", addr(obj))) != std::string::npos;
+    };
+    EXPECT_TRUE(has(all, gone) && has(shown, kept));
+    EXPECT_FALSE(has(shown, gone));
+    EXPECT_NE(shown.find(" - bnr="), std::string::npos); // records print through the pool's print2
+
+    memm_get_pool_nolock(id)->cur_count = 11; // logged, and the listing goes on
+    EXPECT_NE(listing("many", 0).find(section("many", 1, 1, 3, entry(objs[10], "many", 0), kPoolLines)),
+              std::string::npos);
+    EXPECT_EQ(log_count(fmt("[MEMM] ERROR: actual object count (%d) differs from pool count (%d)\r\n", 10, 11)), 1u);
 }
 
-TEST(ListingObjects, ExtensionPoolsAreListedOnTheirOwnTurn) {
+TEST(ListingTagging, MarksSelectedChainsAndLogsEachPool) {
     ASSERT_EQ(memm_init(8, 0), MEMM_OK);
-    uint32_t id = memm_initpool("grown", 10, 8, nullptr);
-    std::vector<void *> objs = fill(id, 11);
-    std::string root_objects;
-    for (int i = 0; i < 10; i++)
-        root_objects += entry(objs[size_t(i)], "grown", i);
-    EXPECT_EQ(listing("grown", 0), pool_section("grown", 10, 10, 10, root_objects) +
-                                       pool_section("grown", 1, 1, 3, entry(objs[10], "grown", 0)) + "\r\n");
-}
+    const uint32_t a = memm_initpool("t_a", 10, 8, nullptr);
+    memm_initpool("t_b", 4, 8, nullptr);
+    std::vector<void *> objs = fill(a, 12); // 2 of them in an extension pool
+    void *other = memm_calloc(memm_initpool("u_c", 4, 8, nullptr));
+    memm_refalloc(objs[0]);
+    auto line = [](const char *un, int n, const char *pool) {
+        return fmt("%stagged %d object(s) in pool %s\r\n", un, n, pool);
+    };
 
-TEST(ListingObjects, CountMismatchIsLoggedAndTheListingGoesOn) {
-    ASSERT_EQ(memm_init(8, 0), MEMM_OK);
-    uint32_t a = memm_initpool("cnt_a", 4, 8, nullptr);
-    uint32_t b = memm_initpool("cnt_b", 4, 8, nullptr);
-    fill(a, 2);
-    void *last = fill(b, 1)[0];
-    memm_get_pool_nolock(a)->cur_count = 3;
-    std::string out = listing("cnt_", 0);
-    EXPECT_EQ(memm_test::log_count(fmt("[MEMM] ERROR: actual object count (%d) differs from pool count (%d)\r\n", 2, 3)),
-              1u);
-    EXPECT_NE(out.find(entry(last, "cnt_b", 0)), std::string::npos);
+    // An extension pool bears its root's name: counted with the root and on its own turn.
+    clear_logs();
+    EXPECT_EQ(memm_tag_objects("t_", 1), 0);
+    EXPECT_EQ(log_texts(), (std::vector<std::string>{line("", 12, "t_a"), line("", 0, "t_b"), line("", 2, "t_a")}));
+    EXPECT_TRUE(tagged(objs[0]) && tagged(objs[11]));
+    EXPECT_FALSE(tagged(other));
+
+    clear_logs();
+    EXPECT_EQ(memm_tag_objects("t_a", 0), 0);
+    EXPECT_EQ(log_texts(), (std::vector<std::string>{line("un", 12, "t_a"), line("un", 2, "t_a")}));
+    EXPECT_FALSE(tagged(objs[0]) || tagged(objs[11]));
+    EXPECT_EQ(memm_get_refcount(objs[0]), 2u); // marks leave the reference count alone
+
+    memm_tag_objects("t_a", 1);
+    memm_free(objs[11]);
+    EXPECT_FALSE(tagged(memm_calloc(a))); // a released object comes back untagged
 }

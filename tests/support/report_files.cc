@@ -1,155 +1,110 @@
 #include "report_files.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
-#include <errno.h>
-#include <ftw.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
-#include <mutex>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include "memm.h"
 
 namespace memm_test {
 
 namespace {
 
 const char *const kRedirected[] = {"/var/", "/root/"};
+// A plain array, not a std::string: the exit handler may run after static destructors.
+char g_folder[] = "/tmp/memm_reports_XXXXXX";
+bool g_unwritable = false;
+std::string g_printed;
 
-std::atomic<bool> g_unwritable{false};
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-
-void remove_folder();
-
-// The process's folder, created on first use with one subfolder per
-// redirected prefix ("<folder>/var", "<folder>/root").
-const std::string &folder() {
-    static std::once_flag once;
-    static std::string path;
-    std::call_once(once, [] {
-        char tmpl[] = "/tmp/memm_reports_XXXXXX";
-        if (!mkdtemp(tmpl)) {
-            perror("memm test: mkdtemp");
+// The process's folder, made on first use with one subfolder per redirected prefix.
+std::string folder() {
+    static const bool made = [] {
+        if (!mkdtemp(g_folder))
             abort();
-        }
-        path = tmpl;
-        mkdir((path + "/var").c_str(), 0700);
-        mkdir((path + "/root").c_str(), 0700);
-        atexit(remove_folder);
-    });
-    return path;
+        for (const char *prefix : kRedirected)
+            std::filesystem::create_directory(g_folder + std::string(prefix));
+        return atexit([] {
+                   std::error_code ignored;
+                   std::filesystem::remove_all(g_folder, ignored);
+               }) == 0;
+    }();
+    return made ? g_folder : "";
 }
 
-void remove_folder() { nftw(folder().c_str(), remove_entry, 8, FTW_DEPTH | FTW_PHYS); }
-
-bool is_redirected(const char *path) {
+FILE *open_redirected(const char *real_name, const char *path, const char *mode) {
+    auto real = reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, real_name));
     for (const char *prefix : kRedirected)
-        if (strncmp(path, prefix, strlen(prefix)) == 0)
-            return true;
-    return false;
-}
-
-using fopen_fn = FILE *(*)(const char *, const char *);
-
-fopen_fn next_fopen() {
-    static fopen_fn fn = reinterpret_cast<fopen_fn>(dlsym(RTLD_NEXT, "fopen"));
-    return fn;
-}
-fopen_fn next_fopen64() {
-    static fopen_fn fn = reinterpret_cast<fopen_fn>(dlsym(RTLD_NEXT, "fopen64"));
-    return fn;
-}
-
-FILE *open_redirected(fopen_fn real, const char *path, const char *mode) {
-    if (!path || !is_redirected(path))
-        return real(path, mode);
-    if (g_unwritable) {
-        errno = EACCES;
-        return nullptr;
-    }
-    return real((folder() + path).c_str(), mode);
+        if (path && strncmp(path, prefix, strlen(prefix)) == 0)
+            return g_unwritable ? nullptr : real((folder() + path).c_str(), mode);
+    return real(path, mode);
 }
 
 } // namespace
 
-std::string report_file_path(const std::string &library_path) { return folder() + library_path; }
-
-bool report_file_exists(const std::string &library_path) {
-    struct stat st;
-    return stat(report_file_path(library_path).c_str(), &st) == 0;
-}
-
 std::string read_report_file(const std::string &library_path) {
-    std::string content;
-    FILE *f = next_fopen()(report_file_path(library_path).c_str(), "r");
-    if (!f)
-        return content;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        content.append(buf, n);
-    fclose(f);
-    return content;
+    std::ostringstream content;
+    content << std::ifstream(folder() + library_path).rdbuf();
+    return content.str();
 }
 
 std::vector<std::string> report_files() {
     std::vector<std::string> out;
-    for (const char *prefix : kRedirected) {
-        DIR *dir = opendir((folder() + prefix).c_str());
-        if (!dir)
-            continue;
-        while (struct dirent *e = readdir(dir))
-            if (e->d_name[0] != '.')
-                out.push_back(std::string(prefix) + e->d_name);
-        closedir(dir);
-    }
+    for (const char *prefix : kRedirected)
+        for (const auto &entry : std::filesystem::directory_iterator(folder() + prefix))
+            out.push_back(prefix + entry.path().filename().string());
     std::sort(out.begin(), out.end());
     return out;
 }
 
 void set_report_folders_unwritable(bool unwritable) { g_unwritable = unwritable; }
 
-namespace {
-std::string g_printed;
-}
-
 int print_capture(const char *format, ...) {
     va_list ap;
     va_start(ap, format);
-    va_list copy;
-    va_copy(copy, ap);
-    const int n = vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    if (n > 0) {
-        std::string text(size_t(n), '\0');
-        vsnprintf(&text[0], size_t(n) + 1, format, ap);
-        g_printed += text;
-    }
+    char *text = nullptr;
+    const int n = vasprintf(&text, format, ap);
     va_end(ap);
+    if (n >= 0) {
+        g_printed.append(text, size_t(n));
+        free(text);
+    }
     return n;
 }
 
-std::string take_printed() {
-    std::string out;
-    out.swap(g_printed);
-    return out;
+std::string take_printed() { return std::exchange(g_printed, std::string()); }
+
+std::string usage_table(const char *prefix) {
+    take_printed();
+    memm_print_stats2(prefix, print_capture);
+    return take_printed();
 }
+
+std::string listing(const char *prefix, uint32_t options, uint32_t limit) {
+    take_printed();
+    memm_print_objects4(prefix, options, print_capture, limit);
+    return take_printed();
+}
+
+std::vector<void *> fill(uint32_t pool, int n) {
+    std::vector<void *> objs(static_cast<size_t>(n));
+    for (void *&obj : objs)
+        obj = memm_calloc(pool);
+    return objs;
+}
+
+unsigned long addr(const void *p) { return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)); }
 
 } // namespace memm_test
 
 extern "C" {
-
-FILE *fopen(const char *path, const char *mode) {
-    return memm_test::open_redirected(memm_test::next_fopen(), path, mode);
+FILE *fopen(const char *path, const char *mode) { return memm_test::open_redirected("fopen", path, mode); }
+FILE *fopen64(const char *path, const char *mode) { return memm_test::open_redirected("fopen64", path, mode); }
 }
-
-FILE *fopen64(const char *path, const char *mode) {
-    return memm_test::open_redirected(memm_test::next_fopen64(), path, mode);
-}
-
-} // extern "C"
