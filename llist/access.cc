@@ -23,7 +23,7 @@ uint32_t loc_llist_getlength(llist_node *list) {
 }
 
 llist_node *loc_llist_get_at(llist_node *list, int32_t index) {
-    if (!memm_isvalidobj_nolock(list))
+    if (!memm_detail::loc_isvalidobj(list))
         return nullptr;
     int64_t pos = index;
     if (pos < 0)
@@ -40,7 +40,7 @@ llist_node *loc_llist_get_at(llist_node *list, int32_t index) {
 
 namespace {
 
-llist_node *valid_or_null(llist_node *node) { return memm_isvalidobj_nolock(node) ? node : nullptr; }
+llist_node *valid_or_null(llist_node *node) { return memm_detail::loc_isvalidobj(node) ? node : nullptr; }
 
 int same_object(void *obj, void *key) { return obj == key; }
 
@@ -134,7 +134,7 @@ uint32_t llist_getlength_nolock(llist_node *list) { return loc_llist_getlength(l
 uint32_t llist_getreallength(llist_node *list) {
     PoolLock lock("llist_realgetlength");
     uint32_t len = 0;
-    for (llist_node *node = list; memm_isvalidobj_nolock(node); node = node_next(node))
+    for (llist_node *node = list; memm_detail::loc_isvalidobj(node); node = node_next(node))
         len++;
     return len;
 }

@@ -20,7 +20,7 @@ bool detachable(llist_node **plist) {
     if (!plist)
         return false;
     llist_node *first = *plist;
-    return !first || memm_isvalidobj_nolock(first);
+    return !first || memm_detail::loc_isvalidobj(first);
 }
 
 // The link that holds the node at index, or null when the index, once

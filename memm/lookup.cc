@@ -84,10 +84,10 @@ extern "C" {
 
 int memm_isvalidobj(void *obj) {
     PoolLock lock("memm_isvalidobj");
-    return obj && loc_header_pool(obj_to_slot(obj)) ? 1 : 0;
+    return loc_isvalidobj(obj);
 }
 
-int memm_isvalidobj_nolock(void *obj) { return obj && loc_header_pool(obj_to_slot(obj)) ? 1 : 0; }
+int memm_isvalidobj_nolock(void *obj) { return loc_isvalidobj(obj); }
 
 int memm_isvalidobjfrompool(uint32_t poolid, void *obj) {
     if (!obj)

@@ -133,6 +133,11 @@ inline memm_pooldesc *loc_header_pool(const uint8_t *slot) {
     memm_pooldesc *p = loc_pool(state_poolid(hdr_state(slot)));
     return p && loc_in_storage(p, slot) ? p : nullptr;
 }
+// The header check on an object pointer: what memm_isvalidobj_nolock
+// answers, inline for the other families' hot paths.
+inline bool loc_isvalidobj(const void *obj) {
+    return obj && loc_header_pool(static_cast<const uint8_t *>(obj) - kHdrSize);
+}
 
 // ---- lock -----------------------------------------------------------------
 MEMM_INTERNAL void loc_lock(const char *reason);
