@@ -128,6 +128,12 @@ dynstr *from_vprintf(uint32_t pool, const char *fmt, va_list ap, void *caller) {
     return d ? keep_if_written(d, loc_vsprintf(d, 0, fmt, ap)) : nullptr;
 }
 
+// Formatting into a caller's record: live records of a string pool only.
+uint32_t locked_vsprintf(dynstr *d, int append, const char *reason, const char *fmt, va_list ap) {
+    PoolLock lock(reason);
+    return loc_isdynstring(d) ? loc_vsprintf(d, append, fmt, ap) : MEMM_ERR_INVALID_ARG;
+}
+
 } // namespace
 
 extern "C" {
@@ -156,12 +162,7 @@ uint32_t dynstr_sprintf(dynstr *d, const char *fmt, ...) {
         return MEMM_ERR_INVALID_ARG;
     va_list ap;
     va_start(ap, fmt);
-    uint32_t result = MEMM_ERR_INVALID_ARG;
-    {
-        PoolLock lock("dynstr_sprintf");
-        if (loc_isdynstring(d))
-            result = loc_vsprintf(d, 0, fmt, ap);
-    }
+    const uint32_t result = locked_vsprintf(d, 0, "dynstr_sprintf", fmt, ap);
     va_end(ap);
     return result;
 }
@@ -169,12 +170,7 @@ uint32_t dynstr_sprintf(dynstr *d, const char *fmt, ...) {
 uint32_t dynstr_addsprintf(dynstr *d, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    uint32_t result = MEMM_ERR_INVALID_ARG;
-    {
-        PoolLock lock("dynstr_addsprintf");
-        if (loc_isdynstring(d))
-            result = loc_vsprintf(d, 1, fmt, ap);
-    }
+    const uint32_t result = locked_vsprintf(d, 1, "dynstr_addsprintf", fmt, ap);
     va_end(ap);
     return result;
 }
