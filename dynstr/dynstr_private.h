@@ -93,6 +93,15 @@ MEMM_INTERNAL uint32_t loc_addstring_size(dynstr *d, const char *src, uint32_t n
 // `append` is set, formatting at most twice.
 MEMM_INTERNAL uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap);
 
+// The join writer (join.cc): the items of `list` at positions [first, end)
+// with sep between them, and escaped by esc when it is not 0, replace the
+// text. Every node must hold a live record.
+MEMM_INTERNAL uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const char *sep, unsigned char esc,
+                                             int32_t first, int32_t end);
+// Characters of text that an escaped join doubles: those equal to sep's
+// character or to esc; 0 when sep is longer than one character or esc is 0.
+MEMM_INTERNAL uint32_t loc_count_escapes(const char *text, const char *sep, unsigned char esc);
+
 // A constructor's new record, with `caller` as its allocation site. `collect`
 // picks a collecting allocation (record or literal sources) over one that
 // may use the reserve (plain pointers and formats).

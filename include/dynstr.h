@@ -294,6 +294,40 @@ MEMM_API uint32_t dynstr_adddynstr(dynstr *d, dynstr *src);                     
 MEMM_API const char *dynstr_getstring(dynstr *d);          /* text, "" or a DYNSTR_TEXT_* placeholder; never null */
 MEMM_API const char *dynstr_getstring_nolock(dynstr *d);   /* text, "" or a DYNSTR_TEXT_* placeholder; never null */
 
+/* ================= Joining string lists ================= */
+/* A new record of string pool `pool` holding the texts of a string list (a
+ * list whose linked objects are records, see strlist.h) in list order, with
+ * sep between each two items. sep must not be null; it may be empty or
+ * longer than one character.
+ *  - Every node of the list must hold a live record, also nodes outside the
+ *    range and a node with a null linked_obj (which ends the list's length);
+ *    otherwise the join fails.
+ *  - An empty list, an empty range and a single empty item give the empty
+ *    string; the items "" and "" joined with "," give ",".
+ *  - The join is written straight into the pool's current buffer; only when
+ *    it does not fit there is its exact size counted and the text written
+ *    again into a block of that size. The items are never copied elsewhere.
+ * Null when pool is not a string pool, the join fails (a node without a
+ * live record, a total of 2147483647 bytes or more, no memory) or no record
+ * is left. The record keeps the allocation site stored by its allocation
+ * (inside this library), not the caller's.
+ * Choices:
+ *  - A null sep gives null.
+ *  - A join longer than DYNSTR_LONG_SIZE_MAX - 1 characters keeps the whole
+ *    items that fit, as a join cut at a maximum size does. */
+MEMM_API dynstr  *dynstr_fromstrlist(uint32_t pool, struct llist_node *list, const char *sep);   /* new record or null */
+/* As dynstr_fromstrlist with the items at positions first .. end - 1 only
+ * (positions counted from 0; no negative positions from the end). */
+MEMM_API dynstr  *dynstr_frompartialstrlist(uint32_t pool, struct llist_node *list, const char *sep,
+                                            int32_t first, int32_t end);                          /* new record (items first..end-1) or null */
+/* As dynstr_fromstrlist, escaping when sep has at most one character and
+ * esc is not 0: every character of an item equal to sep's character or to
+ * esc is preceded by esc, so that strlist_fromstring_escaped gives the items
+ * back ("a,b" and "c^d" with ',' and '^' give "a^,b,c^^d"). With an empty
+ * sep only esc characters are doubled; a longer sep escapes nothing. */
+MEMM_API dynstr  *dynstr_fromstrlist_escaped(uint32_t pool, struct llist_node *list, const char *sep,
+                                             unsigned char esc);                                  /* new record or null; esc 0 = no escaping */
+
 #ifdef __cplusplus
 }
 #endif
