@@ -131,7 +131,6 @@ uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const char *sep, uns
     const Join j{sep, strlen(sep), esc, first, end};
 
     uint32_t result = MEMM_OK;
-    bool staged = false;
     size_t size = 0;
     if (list) {
         // Attempt 1 into the free tail, attempt 2 into an exactly sized block.
@@ -160,17 +159,14 @@ uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const char *sep, uns
                 result = MEMM_ERR_NO_MEMORY;
                 break;
             }
-            staged = true;
         }
     }
 
-    // An empty join takes no buffer space; a staged block keeps its pointer
-    // with size 0 so that loc_dynstr_updatepool frees it.
-    if (size > 1 && result == MEMM_OK)
+    // An empty or failed join takes no buffer space. A staged block keeps
+    // its pointer with size 0, so that loc_dynstr_updatepool frees it.
+    if (size > 1)
         loc_setstrsize(d, uint32_t(size));
-    else if (staged)
-        memset(d->str, 0, size);
-    else
+    else if (!(pool->state & DYNSTR_STATE_DYNMEM_PENDING))
         d->str = nullptr;
     const uint32_t settled = loc_dynstr_updatepool(pool, d);
     if (maxsize)

@@ -15,9 +15,11 @@ struct Piece {
 
 // The piece [offset, offset + length) of a C string. Offsets outside the
 // string are clamped as for a source record; a negative length means "to the
-// end".
+// end". Only as much of src is measured as the piece needs, so cutting
+// pieces off a long text one by one does not rescan its rest each time.
 Piece string_piece(const char *src, int32_t offset, int32_t length) {
-    const size_t full = strlen(src);
+    const size_t need = length < 0 ? SIZE_MAX : size_t(offset < 0 ? 0 : offset) + size_t(length);
+    const size_t full = strnlen(src, need);
     const size_t off = offset < 0 ? 0 : (size_t(offset) > full ? full : size_t(offset));
     const size_t avail = full - off;
     const size_t len = (length < 0 || size_t(length) > avail) ? avail : size_t(length);

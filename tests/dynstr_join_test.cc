@@ -11,6 +11,7 @@
 #include "dynstr.h"
 #include "dynstr_test_support.h"
 #include "llist.h"
+#include "syslog_capture.h"
 
 namespace {
 
@@ -124,6 +125,7 @@ TEST(DynstrJoin, RefusesListsWithoutLiveRecords) {
         EXPECT_EQ(dynstr_frompartialstrlist(f.strings, list, ",", 0, 1), nullptr);
         EXPECT_EQ(dynstr_fromstrlist_escaped(f.strings, list, ",", '^'), nullptr);
         EXPECT_EQ(memm_get_pool_nolock(f.strings)->cur_count, in_use);
+        EXPECT_EQ(memm_test::log_count_prefix("[DYNSTR]"), 0u) << "a failed join is quiet";
         ASSERT_EQ(llist_unlink_at(&list, 2), MEMM_OK);
     }
     // Arguments outside the contract are refused too.
