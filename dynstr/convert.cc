@@ -5,6 +5,7 @@
 // record's maximum size like any other; they are parsed with sscanf and
 // inet_pton, whose acceptance rules are therefore the getters' rules.
 #include <arpa/inet.h>
+#include <stddef.h>
 #include <stdio.h>
 
 #include "dynstr_private.h"
@@ -65,9 +66,15 @@ uint32_t set_ipv4addr(dynstr *d, uint32_t addr, const char *reason) {
 
 // The checks every getter makes before it parses: a null argument or an
 // empty record (unless the getter takes one) is refused without the lock,
-// a record that is not live under it.
+// a record that is not live under it. Before that check d may be any
+// pointer, possibly less aligned than a record, so its text pointer is
+// read bytewise.
 bool refused_unlocked(const dynstr *d, const void *out, bool takes_empty) {
-    return !d || !out || (!takes_empty && !d->str);
+    if (!d || !out)
+        return true;
+    char *str;
+    memcpy(&str, reinterpret_cast<const char *>(d) + offsetof(dynstr, str), sizeof str);
+    return !takes_empty && !str;
 }
 bool refused_locked(const dynstr *d, bool takes_empty) { return !loc_isdynstring(d) || (!takes_empty && !d->str); }
 
