@@ -218,10 +218,11 @@ TEST(DynstrConvert, MacAddressesTwelveDigitsOrSixPairs) {
         {"00:1a:2b:3c:4d:5e:", false}, {"00:1a:2b:3c:4d:zz", false}, {nullptr, false},
     };
     for (const auto &row : rows) {
-        uint8_t out[6];
+        uint8_t out[7]; // a guard byte behind the six
         memset(out, 0xEE, sizeof out);
         EXPECT_EQ(dynstr_getmacaddr(record(pool, row.text), out), row.ok ? MEMM_OK : kInvalid) << row.text;
         EXPECT_EQ(memcmp(out, row.ok ? want : untouched, 6), 0) << row.text;
+        EXPECT_EQ(out[6], 0xEE) << row.text;
     }
 }
 
