@@ -1,8 +1,10 @@
 // Writing text into strings: a short formatted assignment beside snprintf
-// into a stack buffer, and building one string from 1000 short pieces
-// beside std::string::append.
+// into a stack buffer, a number written and read back beside snprintf and
+// strtoul, and building one string from 1000 short pieces beside
+// std::string::append.
 #include <benchmark/benchmark.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <string>
 
@@ -43,6 +45,30 @@ void BM_SnprintfStackBuffer(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_SnprintfStackBuffer);
+
+// A configuration value kept as text: written from a number, read back.
+void BM_DynstrSetGetUint32(benchmark::State &state) {
+    dynstr *d = dynstr_calloc(pool());
+    uint32_t n = 0, back = 0;
+    for (auto _ : state) {
+        dynstr_setuint32(d, 1500 + (n++ & 7));
+        dynstr_getuint32(d, &back);
+        benchmark::DoNotOptimize(back);
+    }
+    memm_free(d);
+}
+BENCHMARK(BM_DynstrSetGetUint32);
+
+void BM_SnprintfStrtoulStackBuffer(benchmark::State &state) {
+    uint32_t n = 0;
+    for (auto _ : state) {
+        char buf[16];
+        snprintf(buf, sizeof buf, "%u", 1500 + (n++ & 7));
+        unsigned long back = strtoul(buf, nullptr, 10);
+        benchmark::DoNotOptimize(back);
+    }
+}
+BENCHMARK(BM_SnprintfStrtoulStackBuffer);
 
 // The string is the last text written, so every piece is appended in place.
 void BM_DynstrAppend1000(benchmark::State &state) {

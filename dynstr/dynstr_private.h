@@ -102,6 +102,26 @@ MEMM_INTERNAL uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const 
 // character or to esc; 0 when sep is longer than one character or esc is 0.
 MEMM_INTERNAL uint32_t loc_count_escapes(const char *text, const char *sep, unsigned char esc);
 
+// A new record of a string pool holding the formatted text, with `caller`
+// as its allocation site (format.cc); null for a pool id that is not a
+// string pool or when the text cannot be stored. The typed constructors
+// pass their own caller, so listings name the user's line.
+MEMM_INTERNAL dynstr *loc_fromvprintf(uint32_t pool, void *caller, const char *fmt, va_list ap);
+MEMM_INTERNAL dynstr *loc_fromprintf(uint32_t pool, void *caller, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+// Replaces the text of a live record by the formatted text (format.cc);
+// MEMM_ERR_INVALID_ARG for anything else. The lock reason is the caller's.
+MEMM_INTERNAL uint32_t loc_sprintf(dynstr *d, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// ==== conversions =============================================================
+// The hex writer (hex.cc): two lowercase digits per byte of data replace the
+// text; a maximum size keeps whole bytes only.
+MEMM_INTERNAL uint32_t loc_sethexstring(dynstr *d, const uint8_t *data, uint32_t count);
+// Address parsers (convert.cc): the empty text is the zero address.
+// IPv4: the four bytes as inet_pton stores them, first octet lowest in memory.
+MEMM_INTERNAL uint32_t loc_getipv4addr(const char *text, uint32_t *out);
+MEMM_INTERNAL uint32_t loc_getipv6addr(const char *text, uint8_t *out16);
+
 // A constructor's new record, with `caller` as its allocation site. `collect`
 // picks a collecting allocation (record or literal sources) over one that
 // may use the reserve (plain pointers and formats).

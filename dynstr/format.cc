@@ -117,16 +117,38 @@ uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap) {
 using namespace dynstr_detail;
 using memm_detail::PoolLock;
 
-namespace {
+namespace dynstr_detail {
 
 // Formatted text of a new record, allocated without collection like every
 // constructor from a plain pointer.
-dynstr *from_vprintf(uint32_t pool, const char *fmt, va_list ap, void *caller) {
+dynstr *loc_fromvprintf(uint32_t pool, void *caller, const char *fmt, va_list ap) {
     if (!loc_isdynstrpool(pool))
         return nullptr;
     dynstr *d = new_record(pool, false, caller);
     return d ? keep_if_written(d, loc_vsprintf(d, 0, fmt, ap)) : nullptr;
 }
+
+dynstr *loc_fromprintf(uint32_t pool, void *caller, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    dynstr *d = loc_fromvprintf(pool, caller, fmt, ap);
+    va_end(ap);
+    return d;
+}
+
+uint32_t loc_sprintf(dynstr *d, const char *fmt, ...) {
+    if (!loc_isdynstring(d))
+        return MEMM_ERR_INVALID_ARG;
+    va_list ap;
+    va_start(ap, fmt);
+    const uint32_t result = loc_vsprintf(d, 0, fmt, ap);
+    va_end(ap);
+    return result;
+}
+
+} // namespace dynstr_detail
+
+namespace {
 
 // Formatting into a caller's record: live records of a string pool only.
 uint32_t locked_vsprintf(dynstr *d, int append, const char *reason, const char *fmt, va_list ap) {
@@ -145,7 +167,7 @@ dynstr *dynstr_fromprintf(uint32_t pool, const char *fmt, ...) {
     dynstr *d;
     {
         PoolLock lock("dynstr_fromprintf");
-        d = from_vprintf(pool, fmt, ap, caller);
+        d = loc_fromvprintf(pool, caller, fmt, ap);
     }
     va_end(ap);
     return d;
@@ -154,7 +176,7 @@ dynstr *dynstr_fromprintf(uint32_t pool, const char *fmt, ...) {
 dynstr *dynstr_fromvprintf(uint32_t pool, const char *fmt, va_list ap) {
     void *caller = __builtin_return_address(0);
     PoolLock lock("dynstr_fromvprintf");
-    return from_vprintf(pool, fmt, ap, caller);
+    return loc_fromvprintf(pool, caller, fmt, ap);
 }
 
 uint32_t dynstr_sprintf(dynstr *d, const char *fmt, ...) {

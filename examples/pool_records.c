@@ -58,16 +58,19 @@ static struct session *open_session(uint32_t pool, uint32_t id) {
  * has fixed-size fields. */
 static int load_configuration(uint32_t cfg) {
     dynstr *ifname = dynstr_fromliteral(cfg, "eth0"); /* a constant: not copied */
-    dynstr *mtu = dynstr_fromprintf(cfg, "%u", 1500u);
+    dynstr *mtu = dynstr_fromuint32(cfg, 1500u);
     dynstr *label = dynstr_calloc_maxlen(cfg, 15);     /* a 15-character field */
     dynstr *path = dynstr_fromstring(cfg, "/etc/net");
     dynstr *file;
+    uint32_t mtu_bytes = 0;
 
     dynstr_setstring(label, "uplink-to-core-switch"); /* cut to the field */
     dynstr_addsprintf(path, "/%s.conf", dynstr_getstring(ifname));
     file = dynstr_fromlastsep(path, '/');
-    dynstr_sprintf(mtu, "%u", 9000u); /* reconfigured: the old text becomes dead space */
-    printf("  %s: mtu %s, label '%s', read from %s (%s)\n", dynstr_getstring(ifname), dynstr_getstring(mtu),
+    dynstr_setuint32(mtu, 9000u); /* reconfigured: the old text becomes dead space */
+    if (dynstr_getuint32(mtu, &mtu_bytes) != MEMM_OK) /* the number back, for code that needs one */
+        return 1;
+    printf("  %s: mtu %u, label '%s', read from %s (%s)\n", dynstr_getstring(ifname), mtu_bytes,
            dynstr_getstring(label), dynstr_getstring(path), dynstr_getstring(file));
     memm_free(file);
     memm_free(path);

@@ -42,6 +42,13 @@
  *    right after the lifetime counters pass 2^32 / 100.
  *  - dynstr_pool_set_dellist_threshold takes (pool, threshold) and does
  *    nothing.
+ *  - dynstr_strncpy with a size of 0 writes nothing and returns dst, as it
+ *    does for a null dst.
+ *  - dynstr_setipv6addr refuses a null address (MEMM_ERR_INVALID_ARG).
+ *  - Hex texts obey the size limit of every writer: at most
+ *    (DYNSTR_LONG_SIZE_MAX - 1) / 2 bytes are written, whole bytes only.
+ *  - dynstr_gethexstring with a negative output size gives
+ *    MEMM_ERR_BUFFER_TOO_SMALL and touches nothing.
  */
 #ifndef DYNSTR_H
 #define DYNSTR_H
@@ -293,6 +300,98 @@ MEMM_API uint32_t dynstr_adddynstr(dynstr *d, dynstr *src);                     
  * allocation in, the same string pool. */
 MEMM_API const char *dynstr_getstring(dynstr *d);          /* text, "" or a DYNSTR_TEXT_* placeholder; never null */
 MEMM_API const char *dynstr_getstring_nolock(dynstr *d);   /* text, "" or a DYNSTR_TEXT_* placeholder; never null */
+
+/* ================= Typed conversions ================= */
+/* Constructors: a new record of the string pool holding the value's text,
+ * with the caller as its allocation site; null for a pool id that is not a
+ * string pool or when the text cannot be stored (nothing is kept then).
+ * The long forms print all 64 bits. An IPv4 address value holds the four
+ * bytes as inet_pton stores them: the first octet in the lowest-addressed
+ * byte (bits 0-7 on a little-endian machine). */
+MEMM_API dynstr  *dynstr_fromulong(uint32_t pool, unsigned long v);     /* new record ("%lu") or null */
+MEMM_API dynstr  *dynstr_fromuint32(uint32_t pool, uint32_t v);         /* new record ("%u") or null */
+MEMM_API dynstr  *dynstr_fromlong(uint32_t pool, long v);               /* new record ("%ld") or null */
+MEMM_API dynstr  *dynstr_fromint32(uint32_t pool, int32_t v);           /* new record ("%i") or null */
+MEMM_API dynstr  *dynstr_fromipv4addr(uint32_t pool, uint32_t addr);    /* new record "a.b.c.d" or null; addr in network byte order */
+MEMM_API dynstr  *dynstr_fromipaddr(uint32_t pool, uint32_t addr);      /* same as dynstr_fromipv4addr */
+/* Two lowercase digits per byte, high nibble first; a null data or a count
+ * of 0 gives the empty string. Allocates with collection. */
+MEMM_API dynstr  *dynstr_hexstringfromdata(uint32_t pool, const uint8_t *data, uint32_t count); /* new record of lowercase hex, or null */
+
+/* Setters: replace the text by the value's text, as dynstr_sprintf does
+ * (cut at the maximum size, the empty string left on failure).
+ * MEMM_ERR_INVALID_ARG for a null d or a d that is not a live record. */
+MEMM_API uint32_t dynstr_setulong(dynstr *d, unsigned long v);          /* result code */
+MEMM_API uint32_t dynstr_setuint32(dynstr *d, uint32_t v);              /* result code */
+MEMM_API uint32_t dynstr_setlong(dynstr *d, long v);                    /* result code */
+MEMM_API uint32_t dynstr_setint32(dynstr *d, int32_t v);                /* result code */
+MEMM_API uint32_t dynstr_setipv4addr(dynstr *d, uint32_t addr);         /* result code */
+MEMM_API uint32_t dynstr_setipaddr(dynstr *d, uint32_t addr);           /* result code; same as dynstr_setipv4addr */
+/* The text inet_ntop makes; MEMM_ERR_INVALID_ARG for a null addr16 too. */
+MEMM_API uint32_t dynstr_setipv6addr(dynstr *d, const uint8_t *addr16); /* result code; addr16: 16 bytes, network order */
+/* As dynstr_setipv4addr (first 4 address bytes) or dynstr_setipv6addr by
+ * the family; MEMM_ERR_INVALID_ARG for a null addr or another family. */
+MEMM_API uint32_t dynstr_setipaddr_any(dynstr *d, const dynstr_ipaddr *addr); /* result code */
+/* d refers to the library's constant "1" (any v but 0) or "0", as
+ * dynstr_setliteral does; a maximum size of 1 leaves the empty string. */
+MEMM_API uint32_t dynstr_setbool(dynstr *d, int v);                     /* result code; text "1" or "0" */
+/* Two lowercase digits per byte; a maximum size keeps whole bytes only
+ * (maxsize 4 keeps one byte). A null data or a count of 0 leaves the empty
+ * string. MEMM_ERR_INVALID_ARG when d is not a live record. */
+MEMM_API uint32_t dynstr_sethexstring(dynstr *d, const uint8_t *data, uint32_t count); /* result code */
+
+/* Getters: MEMM_ERR_INVALID_ARG for a null argument, an empty record
+ * (except dynstr_getbool and dynstr_gethexstring), a d that is not a live
+ * record, or a text that does not parse; the result is written only on
+ * success unless said otherwise.
+ * Numbers: sscanf "%u" or "%i" (octal 0..., hex 0x...) must read one number
+ * with nothing but blanks around it. A number followed by a word is refused
+ * but still stored in *out. "%u" takes a minus sign and wraps; the long
+ * getters are the 32-bit ones under a second name. */
+MEMM_API uint32_t dynstr_getuint32(dynstr *d, uint32_t *out);           /* result code */
+MEMM_API uint32_t dynstr_getulong(dynstr *d, uint32_t *out);            /* result code; 32-bit, same as dynstr_getuint32 */
+MEMM_API uint32_t dynstr_getint32(dynstr *d, int32_t *out);             /* result code */
+MEMM_API uint32_t dynstr_getlong(dynstr *d, int32_t *out);              /* result code; 32-bit, same as dynstr_getint32 */
+/* 0 for an empty record or a text that is empty or begins with '0' or 'f';
+ * 1 for any other text ("FALSE" and "no" included). */
+MEMM_API uint32_t dynstr_getbool(dynstr *d, int *out);                  /* result code; *out 0 or 1 */
+/* inet_pton's rules; a literal empty text is the address 0 (0.0.0.0, ::). */
+MEMM_API uint32_t dynstr_getipv4addr(dynstr *d, uint32_t *out);         /* result code */
+MEMM_API uint32_t dynstr_getipaddr(dynstr *d, uint32_t *out);           /* result code; same as dynstr_getipv4addr */
+MEMM_API uint32_t dynstr_getipv6addr(dynstr *d, uint8_t *out16);        /* result code; out16: 16 bytes */
+/* IPv4 first (family 1, first 4 address bytes), then IPv6 (family 2); on
+ * failure the family is left as it was. */
+MEMM_API uint32_t dynstr_getipaddr_any(dynstr *d, dynstr_ipaddr *out);  /* result code */
+/* 12 hex digits, or 17 characters: 6 digit pairs with any one character
+ * between each two (separators need not be alike). */
+MEMM_API uint32_t dynstr_getmacaddr(dynstr *d, uint8_t *out6);          /* result code; out6: 6 bytes */
+/* (length + 1) / 2 bytes, an odd last digit as a high nibble; the rest of
+ * out is zeroed. MEMM_ERR_BUFFER_TOO_SMALL leaves out untouched. Digits are
+ * not validated: other characters give bytes by fixed formulas. An empty
+ * record gives 0 bytes. */
+MEMM_API uint32_t dynstr_gethexstring(dynstr *d, uint8_t *out, int32_t outsize); /* result code; MEMM_ERR_BUFFER_TOO_SMALL */
+
+/* ================= Comparison and copying ================= */
+/* Texts are read as dynstr_getstring gives them: a bad record takes part
+ * with its placeholder text, an empty one as "". None of these fails on a
+ * bad record. Comparisons give the C library function's result. */
+MEMM_API int      dynstr_strcmp(dynstr *a, dynstr *b);                    /* strcmp result */
+MEMM_API int      dynstr_strcmp2(dynstr *a, const char *b);               /* strcmp result; null b compares as "" */
+MEMM_API int      dynstr_strcmpi(dynstr *a, dynstr *b);                   /* strcasecmp result */
+MEMM_API int      dynstr_strcmpi2(dynstr *a, const char *b);              /* strcasecmp result; null b compares as "" */
+MEMM_API int      dynstr_strncmp(dynstr *a, dynstr *b, uint32_t n);       /* strncmp result */
+MEMM_API int      dynstr_strncmp2(dynstr *a, const char *b, uint32_t n);  /* strncmp result; null b compares as "" */
+/* Copies at most n - 1 characters into dst, zero-fills the rest of its n
+ * bytes. n = 0 or a null dst: nothing written. */
+MEMM_API char    *dynstr_strncpy(char *dst, dynstr *d, uint32_t n);       /* dst (always terminated, at most n - 1 characters) */
+/* A copy on the heap, not a pool object. */
+MEMM_API char    *dynstr_strdup(dynstr *d);                               /* heap copy (release with free) or null */
+/* Replaces every `from` by `to` in place and stores the number replaced in
+ * *count (0 first, whatever happens next). A literal text is first copied
+ * into a buffer, so the caller's constant never changes; a failed copy
+ * gives its result code (MEMM_ERR_NO_MEMORY). MEMM_ERR_INVALID_ARG for a
+ * zero from or to (count untouched) or a d that is not a live record. */
+MEMM_API uint32_t dynstr_replace_char(dynstr *d, char from, char to, uint32_t *count); /* result code; count may be null */
 
 /* ================= Joining string lists ================= */
 /* A new record of string pool `pool` holding the texts of a string list (a

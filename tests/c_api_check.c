@@ -1,8 +1,10 @@
 /* A plain C99 program against the public headers: it compiles as C with
- * warnings as errors and drives the basic object life cycle. */
+ * warnings as errors, drives the basic object life cycle and converts a
+ * value through a dynamic string. */
 #include <stdio.h>
 #include <string.h>
 
+#include "dynstr.h"
 #include "memm.h"
 
 struct record {
@@ -29,10 +31,11 @@ static uint32_t on_release(void *obj) {
 }
 
 int main(void) {
-    uint32_t pool;
+    uint32_t pool, strings, port = 0;
     struct record *r;
+    dynstr *d;
 
-    CHECK(memm_init(8, 0) == MEMM_OK);
+    CHECK(memm_init(8, 1) == MEMM_OK);
     pool = memm_initpool2("c_records", 4, (int32_t)sizeof(struct record), NULL, on_release);
     CHECK(pool != MEMM_INVALID_POOL);
 
@@ -49,6 +52,11 @@ int main(void) {
         CHECK(memm_isvalidobj(r) == 0);
     }
     CHECK(strcmp(memm_get_poolname2(MEMM_POOLDESC_POOL), MEMM_POOLDESC_NAME) == 0);
+
+    strings = dynstr_initpool("c_strings", 8, 256);
+    d = dynstr_fromuint32(strings, 8080u);
+    CHECK(d != NULL && dynstr_strcmp2(d, "8080") == 0);
+    CHECK(dynstr_getuint32(d, &port) == MEMM_OK && port == 8080u);
 
     if (failures)
         return 1;

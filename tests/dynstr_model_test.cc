@@ -1,6 +1,7 @@
 // Seeded model-based test of the string storage and every writer: random
-// constructors, assignments, literals, formats, appends, maximum sizes,
-// resets and releases on small pools, checked after every step against a
+// constructors, assignments, literals, formats, appends, typed setters,
+// hex texts, character replacement, maximum sizes, resets and releases on
+// small pools, checked after every step against a
 // plain model of the texts and against counters recomputed from the buffer
 // lists.
 //
@@ -13,6 +14,7 @@
 // either way and then checked like any other.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <string.h>
 
 #include <algorithm>
@@ -134,6 +136,33 @@ class Model {
         return MEMM_OK;
     }
 
+    // Whole bytes only: a maximum size leaves an odd text size.
+    uint32_t expect_hex(Entry &e, const std::string &bytes) {
+        size_t n = bytes.size();
+        if (e.maxsize && e.maxsize < 2 * n + 1)
+            n = (e.maxsize - 1) / 2;
+        std::string hex;
+        for (size_t i = 0; i < n; i++)
+            hex += std::string(1, "0123456789abcdef"[uint8_t(bytes[i]) >> 4]) + "0123456789abcdef"[bytes[i] & 0xF];
+        return expect_write(e, hex);
+    }
+
+    // A buffered text changes in place; a literal is first copied into a
+    // buffer, which is a write. Nothing to replace: nothing happens.
+    uint32_t expect_replace(Entry &e, char from, char to) {
+        const uint32_t n = uint32_t(std::count(e.text.begin(), e.text.end(), from));
+        replaced_ = 0;
+        if (n == 0)
+            return MEMM_OK;
+        in_place_ = !(e.rec->flags & DYNSTR_FLAG_LITERAL);
+        const uint32_t result = in_place_ ? MEMM_OK : expect_write(e, e.text);
+        if (result == MEMM_OK) {
+            std::replace(e.text.begin(), e.text.end(), from, to);
+            replaced_ = n;
+        }
+        return result;
+    }
+
     // A maximum below the text's size cuts it; a failed cut for want of a
     // slot keeps text and maximum, so the maximum never lies below the size.
     uint32_t expect_maxsize(Entry &e, uint32_t m) {
@@ -213,8 +242,11 @@ class Model {
         literal_ = nullptr;
         dynstr *const r = e.rec;
         const char *own = dynstr_getstring(r), *t = text.c_str(), *a = add.c_str();
-        uint32_t want, got; // each case: the expected result (model updated), then the call
-        switch (pick(0, 15)) {
+        const uint32_t value = uint32_t(rng_());
+        char ipv4[INET_ADDRSTRLEN];
+        inet_ntop(AF_INET, &value, ipv4, sizeof ipv4);
+        uint32_t want, got, replaced = 0; // each case: the expected result (model updated), then the call
+        switch (pick(0, 21)) {
         case 0: want = expect_write(e, piece(text, off, len)), got = dynstr_setsubstring(r, t, off, len); break;
         case 1: want = expect_write(e, piece(old, off, len)), got = dynstr_setsubstring(r, own, off, len); break;
         case 2: want = expect_write(e, stext), got = dynstr_setdynstr(r, s.rec); break;
@@ -232,6 +264,19 @@ class Model {
         case 11: want = expect_write(e, old + add + old), got = dynstr_addsprintf(r, "%s%s", a, own); break;
         case 12: e.maxsize = 0, want = expect_write(e, ""), got = dynstr_reset(r); break;
         case 13: want = expect_maxsize(e, m), got = dynstr_setmaxsize(r, m); break;
+        case 14: want = expect_write(e, std::to_string(value)), got = dynstr_setuint32(r, value); break;
+        case 15: want = expect_write(e, std::to_string(int32_t(value))), got = dynstr_setint32(r, int32_t(value)); break;
+        case 16: want = expect_write(e, ipv4), got = dynstr_setipv4addr(r, value); break;
+        case 17:
+            want = expect_hex(e, add), got = dynstr_sethexstring(r, reinterpret_cast<const uint8_t *>(a), uint32_t(add.size()));
+            break;
+        case 18: // the library's constant text, not the test's
+            want = expect_literal(e, value & 1 ? "1" : "0"), got = dynstr_setbool(r, int(value & 1)), literal_ = nullptr;
+            break;
+        case 19:
+            want = expect_replace(e, '/', '.'), got = dynstr_replace_char(r, '/', '.', &replaced);
+            EXPECT_EQ(replaced, replaced_);
+            break;
         default: want = expect_write(e, text), got = dynstr_setstring(r, t);
         }
         EXPECT_EQ(got, want);
@@ -254,7 +299,8 @@ class Model {
     dynstr_pooldesc *desc_;
     memm_pooldesc *records_;
     std::vector<Entry> model_;
-    bool in_place_ = false;         // the last append was predicted to stay in place
+    bool in_place_ = false;         // the last append or replacement was predicted to stay in place
+    uint32_t replaced_ = 0;         // characters the last replacement was predicted to change
     const char *literal_ = nullptr; // the last setliteral was predicted to keep this
 };
 

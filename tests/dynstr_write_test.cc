@@ -40,6 +40,13 @@ SITE(site_fromliteral, dynstr_fromliteral(g_pool, "lit"))
 SITE(site_fromliteral_nolock, dynstr_fromliteral_nolock(g_pool, "lit"))
 SITE(site_fromprintf, dynstr_fromprintf(g_pool, "%d", 7))
 SITE(site_fromlastsep, dynstr_fromlastsep(g_src, '/'))
+SITE(site_fromulong, dynstr_fromulong(g_pool, 1))
+SITE(site_fromuint32, dynstr_fromuint32(g_pool, 1))
+SITE(site_fromlong, dynstr_fromlong(g_pool, -1))
+SITE(site_fromint32, dynstr_fromint32(g_pool, -1))
+SITE(site_fromipv4addr, dynstr_fromipv4addr(g_pool, 0x0100007F))
+SITE(site_fromipaddr, dynstr_fromipaddr(g_pool, 0x0100007F))
+SITE(site_hexstringfromdata, dynstr_hexstringfromdata(g_pool, reinterpret_cast<const uint8_t *>("ab"), 2))
 __attribute__((noinline)) dynstr *vprintf_helper(const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
@@ -60,7 +67,8 @@ TEST(DynstrWrite, EveryConstructorRecordsItsCaller) {
     g_pool = dynstr_initpool2("c", 40, 1000, 2);
     g_src = dynstr_fromstring(g_pool, "a/b");
     for (auto site : {site_fromstring, site_fromsubstring, site_fromdynstr, site_fromsubdynstr, site_fromliteral,
-                      site_fromprintf})
+                      site_fromprintf, site_fromulong, site_fromuint32, site_fromlong, site_fromint32,
+                      site_fromipv4addr, site_fromipaddr, site_hexstringfromdata})
         EXPECT_TRUE(recorded_by(site));
     memm_lock("test");
     for (auto site :
@@ -71,7 +79,7 @@ TEST(DynstrWrite, EveryConstructorRecordsItsCaller) {
     // a site inside the library.
     EXPECT_FALSE(recorded_by(site_fromvprintf));
     EXPECT_FALSE(recorded_by(site_fromlastsep));
-    EXPECT_TRUE(storage_consistent(g_pool, 13));
+    EXPECT_TRUE(storage_consistent(g_pool, 20));
 }
 
 TEST(DynstrWrite, ArgumentChecksAndPlaceholderTexts) {
