@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "memm_private.h"
+#include "poison.h"
 
 namespace memm_detail {
 
@@ -14,6 +15,7 @@ constexpr const char *kDepletedText = "pool depleted";
 uint8_t *take_slot(memm_pooldesc *p, uint32_t id) {
     uint8_t *slot = p->free_head;
     p->free_head = free_link(p, slot);
+    loc_unpoison_slot(p, slot);
     memset(slot, 0, p->slotsize);
     hdr_set_state(slot, id);
     p->cur_count++;

@@ -79,6 +79,8 @@ inline void *slot_to_obj(uint8_t *slot) { return slot + kHdrSize; }
 // A free slot links to the next free slot from the first word of its object
 // area. Objects of 1 to 4 bytes have an object area too small for a pointer;
 // their link goes into the (then unused) allocfrom word instead.
+// In a build for memory checkers the rest of a free slot's object area is
+// inaccessible (poison.h); the header and the link always stay readable.
 inline size_t free_link_offset(const memm_pooldesc *p) {
     return p->slotsize >= kHdrSize + sizeof(void *) ? kHdrSize : kAllocfromOffset;
 }

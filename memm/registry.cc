@@ -9,6 +9,7 @@
 #endif
 
 #include "memm_private.h"
+#include "poison.h"
 
 #include "dynstr.h"
 
@@ -63,8 +64,10 @@ void loc_initslots(memm_pooldesc *p, uint32_t first) {
     for (; slot < p->last_slot; slot += p->slotsize) {
         hdr_set_state(slot, MEMM_STATE_FREE);
         set_free_link(p, slot, slot + p->slotsize);
+        loc_poison_slot(p, slot);
     }
     hdr_set_state(p->last_slot, MEMM_STATE_FREE);
+    loc_poison_slot(p, p->last_slot);
 }
 
 // Builds pool 0 for `capacity` descriptors the first time, enlarges it later.

@@ -1,5 +1,6 @@
 // The release core and reference counting.
 #include "memm_private.h"
+#include "poison.h"
 
 namespace memm_detail {
 
@@ -11,6 +12,7 @@ void loc_release_slot(memm_pooldesc *p, uint8_t *slot) {
     set_free_link(p, slot, p->free_head);
     p->free_head = slot;
     p->free_calls++;
+    loc_poison_slot(p, slot);
 }
 
 // Drops one holder of the object at `slot`; the last holder runs the pool's
