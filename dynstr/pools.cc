@@ -34,8 +34,13 @@ dynstr_pooldesc *as_pooldesc(void *cookie) {
     return static_cast<dynstr_pooldesc *>(cookie);
 }
 
+// The allocating entries fill in the new record (maximum size, allocation
+// site) under the same hold as the allocation: a listing in another thread
+// reads those words under the lock, and allocfrom, 8 bytes that may be only
+// 4-byte aligned, cannot be written atomically.
 dynstr *calloc_maxsize(uint32_t poolid, uint32_t maxsize, void *caller) {
-    dynstr *d = static_cast<dynstr *>(memm_calloc(poolid));
+    memm_detail::PoolLock lock("dynstr_calloc_maxsize");
+    dynstr *d = static_cast<dynstr *>(memm_calloc_nolock(poolid));
     if (d) {
         // A maximum above the limit leaves the record without one.
         (void)loc_setmaxsize(d, maxsize);
@@ -198,7 +203,8 @@ uint32_t dynstr_initpool(const char *name, uint32_t count, int32_t total_bytes) 
 
 dynstr *dynstr_calloc(uint32_t pool) {
     void *caller = __builtin_return_address(0);
-    dynstr *d = static_cast<dynstr *>(memm_calloc(pool));
+    PoolLock lock("dynstr_calloc");
+    dynstr *d = static_cast<dynstr *>(memm_calloc_nolock(pool));
     if (d)
         set_record_allocfrom(d, caller);
     return d;
@@ -224,7 +230,8 @@ dynstr *dynstr_calloc_maxlen(uint32_t pool, uint32_t maxlen) {
 
 dynstr *dynstr_refalloc(dynstr *d) {
     void *caller = __builtin_return_address(0);
-    dynstr *r = static_cast<dynstr *>(memm_refalloc(d));
+    PoolLock lock("dynstr_refalloc");
+    dynstr *r = static_cast<dynstr *>(memm_refalloc_nolock(d));
     if (r)
         set_record_allocfrom(r, caller);
     return r;

@@ -16,11 +16,11 @@ uint8_t *take_slot(memm_pooldesc *p, uint32_t id) {
     uint8_t *slot = p->free_head;
     p->free_head = free_link(p, slot);
     loc_unpoison_slot(p, slot);
-    memset(slot, 0, p->slotsize);
+    hdr_clear_slot_but_state(slot, p->slotsize);
     hdr_set_state(slot, id);
     p->cur_count++;
     if (p->cur_count > p->max_count)
-        p->max_count = p->cur_count;
+        set_max_count(p, p->cur_count);
     if (p->base_count_ptr) {
         int32_t d = int32_t(p->cur_count - *p->base_count_ptr);
         if (d > p->base_peak)

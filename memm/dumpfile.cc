@@ -10,8 +10,8 @@ namespace memm_detail {
 
 namespace {
 
-// The open dump file, null outside loc_memm_dump_stats. Set and cleared
-// outside the lock: dumps must not be written from two threads at once.
+// The open dump file, null outside loc_memm_dump_stats. Used only under the
+// lock, which a dump holds from opening its file to closing it.
 FILE *g_dump_file = nullptr;
 
 } // namespace
@@ -31,8 +31,11 @@ int loc_dumpfile_printf(const char *fmt, ...) {
 // selects to /root/memm_dump_pool_depleted_<pid> (reason "pool_depleted"),
 // /var/memm_dump_tagging_<number> (reason "tagging"), or
 // /var/memm_dump_<reason>_<pid>. A file that cannot be opened, or whose name
-// does not fit its buffer, is logged and nothing is written.
+// does not fit its buffer, is logged and nothing is written. Holds the lock
+// for the whole file, so a dump requested in one thread and a depletion in
+// another never write into each other's file or cut it short.
 void loc_memm_dump_stats(const char *prefix, uint32_t number, const char *reason, const char *info) {
+    PoolLock lock("loc_memm_dump_stats");
     const int file_number = strcmp(reason, MEMM_REASON_TAGGING) == 0 ? int(number) : int(getpid());
     const bool depleted = strcmp(reason, MEMM_REASON_POOL_DEPLETED) == 0;
     char path[kReportPathSize];

@@ -11,11 +11,10 @@ namespace memm_detail {
 
 namespace {
 
-// The open list file, null outside loc_handle_list_objects. Set and cleared
-// outside the lock: lists must not be written from two threads at once.
+// The open list file, null outside loc_handle_list_objects, and the number
+// of profiling lists requested so far (only grows). Both are used only under
+// the lock, which a list holds from numbering its file to closing it.
 FILE *g_list_file = nullptr;
-
-// Number of profiling lists requested so far; only grows.
 uint32_t g_profiling_count = 0;
 
 // Profiling lists go to files 1 to 255; every later one is appended to 0.
@@ -42,13 +41,15 @@ int loc_listfile_printf(const char *fmt, ...) {
 // /root/memm_list_pool_depleted_<pid>; a depletion list shows at most the
 // last 251 objects of each pool. Other reasons do nothing. A file that cannot
 // be opened, or whose name does not fit its buffer, is logged and nothing is
-// written.
+// written. Holds the lock for the whole file: a profiling list and a
+// depletion list from two threads each come out whole, in files of their own.
 void loc_handle_list_objects(const char *prefix, int only_tagged, int hide_deleted, const char *reason) {
     if (!reason)
         return;
     const bool depleted = strcmp(reason, MEMM_REASON_POOL_DEPLETED) == 0;
     if (!depleted && strcmp(reason, MEMM_REASON_PROFILING) != 0)
         return;
+    PoolLock lock("memm_handle_list_objects");
     char path[kReportPathSize];
     const int len = depleted ? snprintf(path, sizeof path, "/root/memm_list_%s_%d", reason, int(getpid()))
                              : snprintf(path, sizeof path, "/var/memm_list_%s_%d", reason, next_profiling_number());

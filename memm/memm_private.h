@@ -3,8 +3,17 @@
 // Slot layout (every pool):  [ state | reserved | allocfrom ][ object ... ]
 //                             0       4          8            16
 // A slot is `slotsize` bytes, a multiple of 4, so slots (and the words in
-// them) may be only 4-byte aligned: every header word and free link is read
+// them) may be only 4-byte aligned: allocfrom and the free links are read
 // and written through memcpy.
+//
+// Words read without the lock: memm_get_poolid, memm_instanceof_no_ori and
+// memm_get_pool_nolock read state words, memm_get_number_of_pools reads pool
+// 0's max_count, while lock holders write them. Those words are accessed
+// only through the helpers below, as relaxed 32-bit atomics on their 4-byte
+// aligned addresses: the readers accept a momentary value, the accesses are
+// still race-free, and they compile to plain loads and stores. allocfrom
+// (8 bytes, maybe only 4-byte aligned) is read and written only under the
+// lock.
 //
 // The descriptor table is pool 0: descriptor i is the object of slot i of
 // pool 0's storage. The table lives in one address range reserved at start-up
@@ -58,13 +67,27 @@ struct Registry {
 };
 MEMM_INTERNAL extern Registry g_registry;
 
+// ---- words read without the lock ---------------------------------------------
+inline uint32_t load_shared_word(const uint32_t *word) { return __atomic_load_n(word, __ATOMIC_RELAXED); }
+inline void store_shared_word(uint32_t *word, uint32_t value) { __atomic_store_n(word, value, __ATOMIC_RELAXED); }
+
 // ---- header words -------------------------------------------------------
 inline uint32_t hdr_state(const uint8_t *slot) {
-    uint32_t s;
-    memcpy(&s, slot, sizeof s);
-    return s;
+    // A misaligned address is no slot, only a foreign pointer that a
+    // validating call was given: nothing writes there, read it bytewise.
+    if (reinterpret_cast<uintptr_t>(slot) % alignof(uint32_t)) {
+        uint32_t s;
+        memcpy(&s, slot, sizeof s);
+        return s;
+    }
+    return load_shared_word(reinterpret_cast<const uint32_t *>(slot));
 }
-inline void hdr_set_state(uint8_t *slot, uint32_t s) { memcpy(slot, &s, sizeof s); }
+inline void hdr_set_state(uint8_t *slot, uint32_t s) { store_shared_word(reinterpret_cast<uint32_t *>(slot), s); }
+// Zero-fills a slot being handed out, all but its state word, which the
+// lock-free readers may be reading; the caller stores the state next.
+inline void hdr_clear_slot_but_state(uint8_t *slot, uint32_t slotsize) {
+    memset(slot + sizeof(uint32_t), 0, slotsize - sizeof(uint32_t));
+}
 inline void *hdr_allocfrom(const uint8_t *slot) {
     void *p;
     memcpy(&p, slot + kAllocfromOffset, sizeof p);
@@ -113,8 +136,10 @@ inline memm_pooldesc *loc_pool(uint32_t id) {
 // Descriptor slots ever used (pool 0's max_count): the walks over all pools
 // visit ids below it. 0 before memm_init, so those walks find nothing.
 inline uint32_t loc_pool_count() {
-    return g_registry.capacity.load(std::memory_order_relaxed) ? desc_at(0)->max_count : 0;
+    return g_registry.capacity.load(std::memory_order_relaxed) ? load_shared_word(&desc_at(0)->max_count) : 0;
 }
+// Raises a pool's max_count; pool 0's is read without the lock.
+inline void set_max_count(memm_pooldesc *p, uint32_t count) { store_shared_word(&p->max_count, count); }
 inline uint32_t loc_pool_id(const memm_pooldesc *p) {
     return uint32_t((reinterpret_cast<const uint8_t *>(p) - kHdrSize - desc_slot(0)) / kDescSlotSize);
 }

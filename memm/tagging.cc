@@ -37,6 +37,8 @@ int memm_tag_objects(const char *prefix, int tag) {
 }
 
 void memm_handle_tag_objects(const char *prefix, int tag, uint32_t number, const char *reason) {
+    // One hold for both steps: the dump shows the pools as tagged.
+    PoolLock lock("memm_handle_tag_objects");
     memm_tag_objects(prefix, tag);
     if (reason && strcmp(reason, MEMM_REASON_TAGGING) == 0)
         loc_memm_dump_stats(prefix, number, reason, "Tagging done using memm_handle_tag_objects.");
