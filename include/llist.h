@@ -152,7 +152,10 @@ MEMM_API llist_node *llist_getandunlink_byobject(llist_node **plist, void *obj);
 
 /* ================= Access and search ================= */
 
-/* "Valid" below: passes memm_isvalidobj_nolock (the header check). */
+/* "Valid" below: passes memm_isvalidobj_nolock (the header check). The list
+ * functions read the header directly, without the storage search that makes
+ * memm_isvalidobj_nolock safe for any pointer: a pointer given as a node must
+ * have 16 readable bytes in front of it. */
 MEMM_API llist_node *llist_get_first(llist_node *list);                  /* list if it is a valid pool object, else null */
 MEMM_API llist_node *llist_get_next(llist_node *node);                   /* node->next if node is valid, else null */
 /* Null unless the first node is valid; a negative index has the length added

@@ -81,6 +81,9 @@ uint32_t loc_init_pooldesc(uint32_t capacity) {
         return MEMM_ERR_NO_MEMORY;
     if (!commit_table(capacity))
         return MEMM_ERR_NO_MEMORY;
+    // The first table starts the storage index with pool 0's own storage.
+    if (!old_capacity && !(loc_storage_index_reset() && loc_storage_index_add(g_table_range, MEMM_POOLDESC_POOL)))
+        return MEMM_ERR_NO_MEMORY;
 
     uint8_t *table = g_table_range;
     memm_pooldesc *p0 = reinterpret_cast<memm_pooldesc *>(table + kHdrSize);
@@ -142,6 +145,11 @@ uint32_t loc__initpool(const char *name, int32_t count, int32_t objsize, const m
         return fail();
     }
     const uint32_t id = uint32_t((dslot - desc_slot(0)) / kDescSlotSize);
+    if (!loc_storage_index_add(storage, id)) {
+        free(storage);
+        loc_release_slot(desc_at(0), dslot);
+        return fail();
+    }
     memm_pooldesc *p = desc_at(id);
     p->name = name;
     p->storage = storage;

@@ -173,6 +173,9 @@ TEST(Table, EnlargingKeepsIdsNamesObjectsAndDescriptorAddresses) {
         EXPECT_EQ(*counts[i], 1u);
         EXPECT_STREQ(memm_get_poolname2(ids[i]), names[i]);
         EXPECT_EQ(memm_get_poolid(objs[i]), ids[i]);
+        // Both kept storage ranges, the table's grown one and the pool's.
+        EXPECT_EQ(memm_isvalidobj(descs[i]), 1);
+        EXPECT_EQ(memm_isvalidobj_nolock(objs[i]), 1);
     }
 }
 
