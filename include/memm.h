@@ -135,6 +135,12 @@ typedef struct memm_pooldesc {
  *    lowered to 32767. When the first table cannot be obtained the result is
  *    MEMM_ERR_NO_MEMORY and the library also stays not started, so a later
  *    memm_init may try again.
+ *  - When dynstr_pool_count is not 0 but the string family cannot be started
+ *    (dynstr_init fails: its descriptor pool cannot be created, for instance
+ *    storage above 2^31 - 1 bytes), the result is MEMM_ERR_NO_MEMORY and the
+ *    start is undone: the library is left not started, exactly as before the
+ *    call (dynstr_init's log lines remain), so a later memm_init may try
+ *    again, with or without the string family.
  *  - The descriptor table never moves: address space for the largest
  *    possible table (32767 descriptors) is reserved once and each enlargement
  *    commits more of it. Pointers from memm_get_pool_nolock and

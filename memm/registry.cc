@@ -55,6 +55,15 @@ bool name_in_use(const char *name) {
     return false;
 }
 
+// Returns the library to "not started" after a start whose string family
+// failed. Nothing but pool 0 exists then (the failed creation gave its
+// descriptor slot back), so forgetting the table is enough: the next
+// memm_init rebuilds pool 0 and the storage index in the range kept.
+void unstart() {
+    g_registry.capacity.store(0, std::memory_order_release);
+    g_registry.table.store(nullptr, std::memory_order_relaxed);
+}
+
 } // namespace
 
 void loc_initslots(memm_pooldesc *p, uint32_t first) {
@@ -197,8 +206,13 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
     // before memm_init cannot meet an uninitialised lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)
         return MEMM_ERR_NO_MEMORY;
-    if (dynstr_pool_count)
-        return dynstr_init(dynstr_pool_count);
+    if (dynstr_pool_count) {
+        const uint32_t r = dynstr_init(dynstr_pool_count);
+        if (r != MEMM_OK) {
+            unstart();
+            return r;
+        }
+    }
     return MEMM_OK;
 }
 
