@@ -60,6 +60,14 @@ typedef int32_t (*llist_compare_ex_fn)(void *ctx, void *a, void *b);  /* negativ
 typedef int     (*llist_enum_fn)(void *obj, void *ctx);               /* non-zero: go on; 0: stop */
 
 /* ================= Node pools, adding, inserting ================= */
+/* Node pool arguments. Every function that allocates nodes (add, addref,
+ * insert, push, refalloc, and every other list function that makes nodes)
+ * takes nodes only from a node pool made by llist_initpool (or from one of
+ * its extension pools). Choice: any other id (no pool, a plain pool, a
+ * string pool) gives no node, exactly as a node pool that is exhausted:
+ * MEMM_ERR_NO_MEMORY, or a skipped node for llist_refalloc; nothing is
+ * allocated, the lists and every reference count end as they were, and the
+ * list functions log nothing. */
 
 /* Creates a node pool through the pool layer (lock reason "memm_initpool").
  * The options record is copied; its free_ex is always replaced by the node

@@ -45,6 +45,14 @@ std::vector<uint32_t> pool_figures() {
     return ::testing::AssertionSuccess();
 }
 
+dynstr *fromvprintf(uint32_t pool, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    dynstr *d = dynstr_fromvprintf(pool, fmt, ap);
+    va_end(ap);
+    return d;
+}
+
 // A readable pointer whose 16 bytes in front lie in a page that cannot be read.
 void *behind_unreadable_page() {
     const size_t page = size_t(sysconf(_SC_PAGESIZE));
@@ -62,9 +70,18 @@ TEST(Misuse, BadPointersAndPoolsGiveTheirResultAndChangeNothing) {
     const uint32_t strings = dynstr_initpool2("strings", 8, 256, 2);
     ASSERT_NE(plain, MEMM_INVALID_POOL);
     ASSERT_NE(strings, MEMM_INVALID_POOL);
+    const uint32_t nodes = llist_initpool("nodes", 4, sizeof(llist_node), nullptr);
     void *obj = memm_calloc(plain);
     void *foreign = behind_unreadable_page();
     ASSERT_NE(foreign, nullptr);
+    dynstr *rec = dynstr_fromstring(strings, "kept");
+    dynstr *released = dynstr_fromstring(strings, "released");
+    ASSERT_NE(dynstr_fromstring(strings, "behind"), nullptr); // keeps the released text in its buffer
+    memm_free(released);
+    ASSERT_TRUE(released->flags & DYNSTR_FLAG_DELETED); // a placeholder, its slot still in use
+    llist_node *list = nullptr;
+    ASSERT_EQ(llist_addref(&list, obj, nodes), MEMM_OK);
+    llist_node *const first = list;
 
     const Row rows[] = {
         {"memm_isvalidobj, header in an unreadable page", [&] { return memm_isvalidobj(foreign); }, 0},
@@ -73,11 +90,40 @@ TEST(Misuse, BadPointersAndPoolsGiveTheirResultAndChangeNothing) {
          [&] { return memm_isvalidobj(reinterpret_cast<void *>(uintptr_t(8))); }, 0},
         {"memm_isvalidobj, a live object", [&] { return memm_isvalidobj(obj); }, 1},
         {"memm_isvalidobj_nolock, a descriptor", [&] { return memm_isvalidobj_nolock(memm_get_pool_nolock(plain)); }, 1},
+        {"dynstr_setdynstr, source of a plain pool", [&] { return dynstr_setdynstr(rec, static_cast<dynstr *>(obj)); },
+         MEMM_ERR_INVALID_ARG},
+        {"dynstr_setdynstr_nolock, source of a plain pool",
+         [&] {
+             memm_lock("misuse");
+             const uint32_t r = dynstr_setdynstr_nolock(rec, static_cast<dynstr *>(obj));
+             memm_unlock();
+             return r;
+         },
+         MEMM_ERR_INVALID_ARG},
+        {"dynstr_setdynstr, released source", [&] { return dynstr_setdynstr(rec, released); }, MEMM_ERR_INVALID_ARG},
+        {"dynstr_refalloc, released record", [&] { return uintptr_t(dynstr_refalloc(released)); }, 0},
+        {"llist_addobject, plain pool as node pool", [&] { return llist_addobject(&list, obj, plain); },
+         MEMM_ERR_NO_MEMORY},
+        {"llist_addobject, string pool as node pool", [&] { return llist_addobject(&list, obj, strings); },
+         MEMM_ERR_NO_MEMORY},
+        {"llist_addref, plain pool as node pool", [&] { return llist_addref(&list, obj, plain); }, MEMM_ERR_NO_MEMORY},
+        {"llist_insert_at, string pool as node pool", [&] { return llist_insert_at(&list, obj, 0, strings); },
+         MEMM_ERR_NO_MEMORY},
+        {"llist_pushobject, descriptor pool as node pool", [&] { return llist_pushobject(&list, obj, 0); },
+         MEMM_ERR_NO_MEMORY},
+        {"llist_refalloc, plain pool as node pool", [&] { return uintptr_t(llist_refalloc(list, plain)); }, 0},
+        {"dynstr_fromprintf, null format", [&] { return uintptr_t(dynstr_fromprintf(strings, nullptr)); }, 0},
+        {"dynstr_fromvprintf, null format", [&] { return uintptr_t(fromvprintf(strings, nullptr)); }, 0},
+        {"dynstr_addsprintf, null format", [&] { return dynstr_addsprintf(rec, nullptr); }, MEMM_ERR_INVALID_ARG},
+        {"dynstr_sprintf, null format", [&] { return dynstr_sprintf(rec, nullptr); }, MEMM_ERR_INVALID_ARG},
     };
     for (const Row &row : rows) {
         const std::vector<uint32_t> before = pool_figures();
         EXPECT_EQ(row.call(), row.expected) << row.what;
         EXPECT_EQ(pool_figures(), before) << row.what;
         EXPECT_TRUE(pools_sound(strings)) << row.what;
+        EXPECT_STREQ(dynstr_getstring(rec), "kept") << row.what;
+        EXPECT_EQ(list, first) << row.what;
+        EXPECT_EQ(llist_getlength(list), 1u) << row.what;
     }
 }
