@@ -35,7 +35,7 @@ void clear_behind_text(char *text, size_t written) {
 
 uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap) {
     dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    if (!pool || is_deleted(d)) // see loc_setsubstring
+    if (!pool || is_deleted(d) || !fmt) // see loc_setsubstring
         return MEMM_ERR_INVALID_ARG;
     const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
     dynstr *old;
@@ -122,7 +122,7 @@ namespace dynstr_detail {
 // Formatted text of a new record, allocated without collection like every
 // constructor from a plain pointer.
 dynstr *loc_fromvprintf(uint32_t pool, void *caller, const char *fmt, va_list ap) {
-    if (!loc_isdynstrpool(pool))
+    if (!fmt || !loc_isdynstrpool(pool))
         return nullptr;
     dynstr *d = new_record(pool, false, caller);
     return d ? keep_if_written(d, loc_vsprintf(d, 0, fmt, ap)) : nullptr;

@@ -231,6 +231,11 @@ dynstr *dynstr_calloc_maxlen(uint32_t pool, uint32_t maxlen) {
 dynstr *dynstr_refalloc(dynstr *d) {
     void *caller = __builtin_return_address(0);
     PoolLock lock("dynstr_refalloc");
+    // A released record still in use as a placeholder is no string: a
+    // holder taken on it would keep the collector from giving its slot back.
+    // Other objects are passed on unchecked, as memm_refalloc takes them.
+    if (loc_getdynstrpool(d) && is_deleted(d))
+        return nullptr;
     dynstr *r = static_cast<dynstr *>(memm_refalloc_nolock(d));
     if (r)
         set_record_allocfrom(r, caller);

@@ -46,6 +46,11 @@ bool settle_staged(dynstr_pooldesc *pool, dynstr *d) {
                 placed = true;
             }
         }
+        // Unplaced, the record points at the last free position tried (one
+        // past the buffer's end when it is full) or at the block freed here:
+        // neither is a text.
+        if (!placed)
+            d->str = nullptr;
         free(block);
     }
     pool->state &= uint8_t(~DYNSTR_STATE_DYNMEM_PENDING);
@@ -54,16 +59,17 @@ bool settle_staged(dynstr_pooldesc *pool, dynstr *d) {
 
 // No buffer has room for a text: the record is emptied and the pool marked.
 // Only the first few events of the process request an object listing, since
-// each one writes a file.
+// each one writes a file. The record is emptied before the listing, whose
+// record printer reads the text of every record in the pool.
 uint32_t out_of_buffer_memory(dynstr_pooldesc *pool, dynstr *d) {
+    d->str = nullptr;
+    loc_setstrsize(d, 0);
     const char *name = memm_get_poolname(d);
     loc_log("Out of string buffer memory for pool '%s' !!!!!!!!!!!!!!!!!!!!!!!!!!!!!!", name);
     if (g_family.depletion_listings < kMaxDepletionListings) {
         g_family.depletion_listings++;
         memm_detail::loc_handle_list_objects(name, 0, 1, MEMM_REASON_POOL_DEPLETED);
     }
-    d->str = nullptr;
-    loc_setstrsize(d, 0);
     pool->state |= DYNSTR_STATE_DEPLETED;
     return MEMM_ERR_NO_MEMORY;
 }

@@ -170,6 +170,9 @@ MEMM_API dynstr  *dynstr_calloc(uint32_t pool);                              /* 
 MEMM_API dynstr  *dynstr_calloc_maxsize(uint32_t pool, uint32_t maxsize);    /* new empty record or null; maxsize > 2047 leaves none */
 MEMM_API dynstr  *dynstr_calloc_maxsize_nolock(uint32_t pool, uint32_t maxsize); /* new empty record or null */
 MEMM_API dynstr  *dynstr_calloc_maxlen(uint32_t pool, uint32_t maxlen);      /* new empty record (maxsize = maxlen + 1) or null */
+/* As memm_refalloc, but null for a released record that is still a deleted
+ * placeholder of its buffer (nothing logged, no holder added); other objects
+ * are passed to memm_refalloc unchecked. Lock reason "dynstr_refalloc". */
 MEMM_API dynstr  *dynstr_refalloc(dynstr *d);                                /* d with one more holder, or null */
 MEMM_API int      dynstr_isdynstring(void *p);                               /* 1 if p is a live record of a string pool, else 0 */
 MEMM_API uint32_t dynstr_strlen(dynstr *d);                                  /* text length; 0 for null or empty; no lock */
@@ -221,7 +224,7 @@ MEMM_API dynstr  *dynstr_fromliteral_nolock(uint32_t pool, const char *literal);
  * (empty when sep ends the text). Null for a zero sep or no sep in the text.
  * The record's allocation site is inside the library, not the caller. */
 MEMM_API dynstr  *dynstr_fromlastsep(dynstr *src, char sep);                      /* new record with the text after the last sep, or null */
-/* The formatted text. fmt must not be null. */
+/* The formatted text. Null, with nothing allocated, for a null fmt. */
 MEMM_API dynstr  *dynstr_fromprintf(uint32_t pool, const char *fmt, ...);         /* new record or null */
 MEMM_API dynstr  *dynstr_fromvprintf(uint32_t pool, const char *fmt, va_list ap); /* new record or null */
 
@@ -254,8 +257,10 @@ MEMM_API dynstr  *dynstr_fromvprintf(uint32_t pool, const char *fmt, va_list ap)
 MEMM_API uint32_t dynstr_setstring(dynstr *d, const char *s);                     /* result code */
 MEMM_API uint32_t dynstr_setstring_nolock(dynstr *d, const char *s);              /* result code */
 /* Replaces the text by a copy of src's text; src may be d itself (the text
- * stays, moved to a new place). MEMM_ERR_INVALID_ARG for a null src or a
- * record outside a string pool. */
+ * stays, moved to a new place). MEMM_ERR_INVALID_ARG, with d unchanged, when
+ * src is not a live record of a string pool (null, another pool's object, a
+ * released record); MEMM_ERR_INVALID_ARG for a record d outside a string
+ * pool. */
 MEMM_API uint32_t dynstr_setdynstr(dynstr *d, dynstr *src);                       /* result code; src may be d */
 MEMM_API uint32_t dynstr_setdynstr_nolock(dynstr *d, dynstr *src);                /* result code; src may be d */
 /* Replaces the text by a piece of s (clamped as for dynstr_fromsubstring).
@@ -276,8 +281,8 @@ MEMM_API uint32_t dynstr_setliteral(dynstr *d, const char *literal);            
 /* Replaces the text by the formatted text. MEMM_ERR_INVALID_ARG for a null
  * d or fmt (checked without the lock) or a d that is not a live record. */
 MEMM_API uint32_t dynstr_sprintf(dynstr *d, const char *fmt, ...);                /* result code */
-/* Appends the formatted text. MEMM_ERR_INVALID_ARG when d is not a live
- * record; fmt must not be null. */
+/* Appends the formatted text. MEMM_ERR_INVALID_ARG, with d unchanged, when
+ * d is not a live record or fmt is null. */
 MEMM_API uint32_t dynstr_addsprintf(dynstr *d, const char *fmt, ...);             /* result code */
 /* Appends at most n characters of s. The text grows in place when it is
  * the last one written to the current buffer and the room suffices;

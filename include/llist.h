@@ -60,6 +60,14 @@ typedef int32_t (*llist_compare_ex_fn)(void *ctx, void *a, void *b);  /* negativ
 typedef int     (*llist_enum_fn)(void *obj, void *ctx);               /* non-zero: go on; 0: stop */
 
 /* ================= Node pools, adding, inserting ================= */
+/* Node pool arguments. Every function that allocates nodes (add, addref,
+ * insert, push, refalloc, and every other list function that makes nodes)
+ * takes nodes only from a node pool made by llist_initpool (or from one of
+ * its extension pools). Choice: any other id (no pool, a plain pool, a
+ * string pool) gives no node, exactly as a node pool that is exhausted:
+ * MEMM_ERR_NO_MEMORY, or a skipped node for llist_refalloc; nothing is
+ * allocated, the lists and every reference count end as they were, and the
+ * list functions log nothing. */
 
 /* Creates a node pool through the pool layer (lock reason "memm_initpool").
  * The options record is copied; its free_ex is always replaced by the node
@@ -152,7 +160,10 @@ MEMM_API llist_node *llist_getandunlink_byobject(llist_node **plist, void *obj);
 
 /* ================= Access and search ================= */
 
-/* "Valid" below: passes memm_isvalidobj_nolock (the header check). */
+/* "Valid" below: passes memm_isvalidobj_nolock (the header check). The list
+ * functions read the header directly, without the storage search that makes
+ * memm_isvalidobj_nolock safe for any pointer: a pointer given as a node must
+ * have 16 readable bytes in front of it. */
 MEMM_API llist_node *llist_get_first(llist_node *list);                  /* list if it is a valid pool object, else null */
 MEMM_API llist_node *llist_get_next(llist_node *node);                   /* node->next if node is valid, else null */
 /* Null unless the first node is valid; a negative index has the length added

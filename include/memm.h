@@ -135,6 +135,12 @@ typedef struct memm_pooldesc {
  *    lowered to 32767. When the first table cannot be obtained the result is
  *    MEMM_ERR_NO_MEMORY and the library also stays not started, so a later
  *    memm_init may try again.
+ *  - When dynstr_pool_count is not 0 but the string family cannot be started
+ *    (dynstr_init fails: its descriptor pool cannot be created, for instance
+ *    storage above 2^31 - 1 bytes), the result is MEMM_ERR_NO_MEMORY and the
+ *    start is undone: the library is left not started, exactly as before the
+ *    call (dynstr_init's log lines remain), so a later memm_init may try
+ *    again, with or without the string family.
  *  - The descriptor table never moves: address space for the largest
  *    possible table (32767 descriptors) is reserved once and each enlargement
  *    commits more of it. Pointers from memm_get_pool_nolock and
@@ -170,6 +176,11 @@ MEMM_API void     memm_lock(const char *reason);   /* nothing; reason kept by po
 MEMM_API int      memm_unlock(void);               /* the mutex-unlock result (0 = success) */
 
 /* ================= Allocation, release, references ================= */
+/* memm_free and memm_free_nolock keep a constant-time release: they read the
+ * header (the 16 bytes in front of obj) before checking that it lies in a
+ * pool, so a pointer that is not a pool object must still have 16 readable
+ * bytes in front of it. Such a pointer is logged and ignored (result 0). To
+ * test an arbitrary pointer, use memm_isvalidobj first. */
 MEMM_API void    *memm_calloc(uint32_t poolid);              /* zero-filled object or null */
 MEMM_API void    *memm_calloc_nolock(uint32_t poolid);       /* zero-filled object or null */
 MEMM_API void    *memm_calloc_nolock_nogc(uint32_t poolid);  /* zero-filled object or null; never collects, never extends, may use the reserve */
@@ -182,6 +193,12 @@ MEMM_API void     memm_disallow_expansion(uint32_t poolid);  /* nothing; root po
 MEMM_API void     memm_depletion_no_reboot(uint32_t poolid); /* nothing; root pools only */
 
 /* ================= Validation, identity, lookup ================= */
+/* memm_isvalidobj, memm_isvalidobj_nolock, memm_isvalidobj_ex,
+ * memm_isvalidobjfrompool and memm_instanceof_with_mem_range_check are safe
+ * for any pointer, also one into memory that is not readable. The first two
+ * find the pool whose storage holds the header (a search of the pools'
+ * storage ranges, O(log pools)) and read the header only then. The other
+ * functions taking an object read its header without such a check. */
 MEMM_API int      memm_isvalidobj(void *obj);                                  /* 1 if the header check passes, else 0 */
 MEMM_API int      memm_isvalidobj_nolock(void *obj);                           /* 1 if the header check passes, else 0 */
 MEMM_API int      memm_isvalidobjfrompool(uint32_t poolid, void *obj);         /* 1 if obj is an exact slot of that pool, else 0 */

@@ -40,6 +40,13 @@ uint32_t loc_llist_node_destructor(void *obj) {
 }
 
 llist_node *loc_llist_new_node(uint32_t pool, void *obj, void *caller) {
+    // Only a node pool gives nodes: another pool's objects may be smaller
+    // than a node, and its release hook would not give the linked object's
+    // reference back. Extension pools carry their root's hooks.
+    const memm_pooldesc *p = memm_detail::loc_pool(pool);
+    if (!p || p->options.free_ex != loc_llist_node_destructor ||
+        p->slotsize < memm_detail::kHdrSize + sizeof(llist_node))
+        return nullptr;
     void *mem = memm_calloc_nolock(pool);
     if (!mem)
         return nullptr;

@@ -68,7 +68,9 @@ MEMM_INTERNAL void loc_llist_print_node(void *obj, memm_print_fn print);
 
 // ---- building (core.cc) --------------------------------------------------------
 // Allocates a node from `pool` holding obj and records `caller` as its
-// allocation site; null when the pool gives none.
+// allocation site; null when the pool gives none or is not a node pool
+// (free_ex other than the node destructor, or objects smaller than a node),
+// which every caller reports as "no node".
 MEMM_INTERNAL llist_node *loc_llist_new_node(uint32_t pool, void *obj, void *caller);
 // Appends a chain (its own next links kept) at the end of *plist.
 // MEMM_ERR_INVALID_ARG when plist or chain is null.

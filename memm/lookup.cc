@@ -25,6 +25,16 @@ uint32_t family_of(void *obj) {
     return p ? p->root_pool : MEMM_INVALID_POOL;
 }
 
+// The header check for a pointer that may point anywhere: the header is
+// read only once it is known to lie in some pool's storage. The address is
+// computed as a number, so a pointer below 16 is no pointer arithmetic.
+int isvalidobj_anywhere(const void *obj) {
+    const uintptr_t addr = reinterpret_cast<uintptr_t>(obj);
+    if (addr < kHdrSize || !loc_storage_pool(addr - kHdrSize))
+        return 0;
+    return loc_header_pool(static_cast<const uint8_t *>(obj) - kHdrSize) != nullptr;
+}
+
 memm_pooldesc *pool_of(void *obj) { return obj ? loc_pool(state_poolid(hdr_state(obj_to_slot(obj)))) : nullptr; }
 
 inline uint8_t *slot_at(const memm_pooldesc *p, uint32_t i) { return p->storage + size_t(i) * p->slotsize; }
@@ -84,10 +94,10 @@ extern "C" {
 
 int memm_isvalidobj(void *obj) {
     PoolLock lock("memm_isvalidobj");
-    return loc_isvalidobj(obj);
+    return isvalidobj_anywhere(obj);
 }
 
-int memm_isvalidobj_nolock(void *obj) { return loc_isvalidobj(obj); }
+int memm_isvalidobj_nolock(void *obj) { return isvalidobj_anywhere(obj); }
 
 int memm_isvalidobjfrompool(uint32_t poolid, void *obj) {
     if (!obj)

@@ -51,6 +51,12 @@ static_assert(kDescSlotSize % 8 == 0, "descriptors stay naturally aligned");
 // after this many retries the allocation fails as if the hook had given up.
 constexpr int32_t kMaxGcAttempts = 64;
 
+// One entry of the ordered index of pool storage (storageindex.cc).
+struct StorageRange {
+    uintptr_t start; // the pool's storage
+    uint32_t id;     // the pool
+};
+
 // Process-wide state of the family. `table` and `capacity` are written only
 // under the lock (and by memm_init before any other call); the lock-free
 // readers accept a momentary value, hence the relaxed atomics.
@@ -64,6 +70,12 @@ struct Registry {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // made recursive on first use
 #endif
     const char *prev_reason = "";           // reason of the last successful lock
+    // Ordered index of pool storage, written under the lock (and by
+    // memm_init): range_count entries sorted by start, room committed for
+    // range_room of them in an address range reserved for one per pool id.
+    StorageRange *ranges = nullptr;
+    uint32_t range_count = 0;
+    uint32_t range_room = 0;
 };
 MEMM_INTERNAL extern Registry g_registry;
 
@@ -160,11 +172,26 @@ inline memm_pooldesc *loc_header_pool(const uint8_t *slot) {
     memm_pooldesc *p = loc_pool(state_poolid(hdr_state(slot)));
     return p && loc_in_storage(p, slot) ? p : nullptr;
 }
-// The header check on an object pointer: what memm_isvalidobj_nolock
-// answers, inline for the other families' hot paths.
+// The header check on an object pointer, inline for the other families' hot
+// paths (list nodes, string records). It reads the state word before any
+// range check, so the 16 bytes in front of obj must be readable: fine for a
+// pointer its caller presents as a node or a record, not for an arbitrary
+// one. memm_isvalidobj(_nolock) give the same answer for any pointer through
+// loc_storage_pool first; the hot paths keep this form, one load cheaper
+// than a search of the storage index.
 inline bool loc_isvalidobj(const void *obj) {
     return obj && loc_header_pool(static_cast<const uint8_t *>(obj) - kHdrSize);
 }
+
+// ---- storage index (storageindex.cc; lock held) ----------------------------------
+// Empties the index, reserving its address range the first time; false when
+// the range cannot be reserved.
+MEMM_INTERNAL bool loc_storage_index_reset();
+// Records the storage of pool `id`; false when no room can be committed.
+MEMM_INTERNAL bool loc_storage_index_add(const uint8_t *storage, uint32_t id);
+// The pool whose storage (storage to last_slot inclusive) holds `addr`, or
+// null. Reads no memory at addr.
+MEMM_INTERNAL memm_pooldesc *loc_storage_pool(uintptr_t addr);
 
 // ---- lock -----------------------------------------------------------------
 MEMM_INTERNAL void loc_lock(const char *reason);

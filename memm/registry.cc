@@ -56,6 +56,15 @@ bool name_in_use(const char *name) {
     return false;
 }
 
+// Returns the library to "not started" after a start whose string family
+// failed. Nothing but pool 0 exists then (the failed creation gave its
+// descriptor slot back), so forgetting the table is enough: the next
+// memm_init rebuilds pool 0 and the storage index in the range kept.
+void unstart() {
+    g_registry.capacity.store(0, std::memory_order_release);
+    g_registry.table.store(nullptr, std::memory_order_relaxed);
+}
+
 } // namespace
 
 void loc_initslots(memm_pooldesc *p, uint32_t first) {
@@ -83,6 +92,9 @@ uint32_t loc_init_pooldesc(uint32_t capacity) {
     if (!g_table_range && !(g_table_range = reserve_table_range()))
         return MEMM_ERR_NO_MEMORY;
     if (!commit_table(capacity))
+        return MEMM_ERR_NO_MEMORY;
+    // The first table starts the storage index with pool 0's own storage.
+    if (!old_capacity && !(loc_storage_index_reset() && loc_storage_index_add(g_table_range, MEMM_POOLDESC_POOL)))
         return MEMM_ERR_NO_MEMORY;
 
     uint8_t *table = g_table_range;
@@ -145,6 +157,11 @@ uint32_t loc__initpool(const char *name, int32_t count, int32_t objsize, const m
         return fail();
     }
     const uint32_t id = uint32_t((dslot - desc_slot(0)) / kDescSlotSize);
+    if (!loc_storage_index_add(storage, id)) {
+        free(storage);
+        loc_release_slot(desc_at(0), dslot);
+        return fail();
+    }
     memm_pooldesc *p = desc_at(id);
     p->name = name;
     p->storage = storage;
@@ -192,8 +209,13 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
     // before memm_init cannot meet an uninitialised lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)
         return MEMM_ERR_NO_MEMORY;
-    if (dynstr_pool_count)
-        return dynstr_init(dynstr_pool_count);
+    if (dynstr_pool_count) {
+        const uint32_t r = dynstr_init(dynstr_pool_count);
+        if (r != MEMM_OK) {
+            unstart();
+            return r;
+        }
+    }
     return MEMM_OK;
 }
 

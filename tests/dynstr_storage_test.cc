@@ -105,6 +105,17 @@ TEST(DynstrCollection, EachTrigger) {
 
 TEST(DynstrOutOfMemory, EmptiesTheRecordAndListsOnlyFourTimes) {
     ASSERT_EQ(memm_init(16, 2), MEMM_OK);
+    // A buffer left exactly full: the listing must not show the record at
+    // the free position, one past the buffer's end.
+    const uint32_t full = dynstr_initpool2("full", 2, 2, 1);
+    dynstr *x = dynstr_fromstring(full, "x");
+    const char *end = string_pool(full)->buf_base[0] + 2;
+    EXPECT_EQ(dynstr_setstring(x, "y"), MEMM_ERR_NO_MEMORY);
+    EXPECT_EQ(x->str, nullptr);
+    EXPECT_EQ(read_report_file(fmt("/root/memm_list_pool_depleted_%d", getpid())).find(fmt("data=0x%08lx", addr(end))),
+              std::string::npos);
+    EXPECT_TRUE(storage_consistent(full, 1));
+
     const uint32_t pool = dynstr_initpool2("s", 20, 64, 2);
     const std::string big(40, 'x');
     dynstr *d = dynstr_fromstring(pool, "small");
@@ -121,7 +132,7 @@ TEST(DynstrOutOfMemory, EmptiesTheRecordAndListsOnlyFourTimes) {
     for (size_t at = list.find("Creation reason=pool_depleted"); at != std::string::npos;
          at = list.find("Creation reason=pool_depleted", at + 1))
         listings++;
-    EXPECT_EQ(listings, 4u);
+    EXPECT_EQ(listings, 4u); // the first of them for "full"
 }
 
 TEST(DynstrSizes, LongFormRecordsAndPlaceholders) {

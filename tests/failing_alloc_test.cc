@@ -213,7 +213,8 @@ TEST(FailingAllocation, EveryFailureIsReportedAndLeavesTheLibrarySound) {
         // Anything else (a check, or LeakSanitizer's status) ends the loop.
         ASSERT_EQ(WEXITSTATUS(status), kFailureInjected) << "call " << fail_at;
     }
-    // Start-up 3 (range, first page, "dynstr_pool"), "plain" 1, the string
-    // pool 4 (enlargement, records, two buffers), extension 1, staging 1.
-    EXPECT_EQ(fail_at, 11);
+    // Start-up 5 (table range and first page, storage index range and first
+    // page, "dynstr_pool"), "plain" 1, the string pool 4 (enlargement,
+    // records, two buffers), extension 1, staging 1.
+    EXPECT_EQ(fail_at, 13);
 }

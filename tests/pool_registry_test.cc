@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "dynstr.h"
 #include "memm.h"
 #include "syslog_capture.h"
 
@@ -29,14 +30,26 @@ TEST(Init, SecondCallIsRefusedAndChangesNothing) {
     EXPECT_EQ(memm_get_number_of_pools(), 2u);
 }
 
-TEST(Init, TooSmallPoolCountLeavesLibraryNotStarted) {
+TEST(Init, FailedStartsLeaveLibraryNotStarted) {
     EXPECT_EQ(memm_init(1, 0), MEMM_ERR_INVALID_ARG);
     EXPECT_EQ(memm_get_number_of_pools(), 0u);
     EXPECT_EQ(memm_initpool("early", 4, 4, nullptr), MEMM_INVALID_POOL);
     EXPECT_EQ(log_count("loc__initpool() called before mem_init()"), 1u);
-    // A later, valid start works.
-    EXPECT_EQ(memm_init(2, 0), MEMM_OK);
-    EXPECT_EQ(memm_get_number_of_pools(), 1u);
+    // A string family that cannot be created undoes the whole start.
+    EXPECT_EQ(memm_init(16, 6000000), MEMM_ERR_NO_MEMORY);
+    EXPECT_EQ(log_count("dynstring init failed"), 1u);
+    EXPECT_EQ(memm_get_number_of_pools(), 0u);
+    EXPECT_EQ(memm_initpool("early", 4, 4, nullptr), MEMM_INVALID_POOL);
+    EXPECT_EQ(log_count("loc__initpool() called before mem_init()"), 2u);
+    // A later, valid start works, string pools included.
+    EXPECT_EQ(memm_init(2, 1), MEMM_OK);
+    EXPECT_EQ(memm_get_number_of_pools(), 2u);
+    EXPECT_STREQ(memm_get_poolname2(1), "dynstr_pool");
+    const uint32_t strings = dynstr_initpool("s", 4, 64);
+    ASSERT_NE(strings, MEMM_INVALID_POOL);
+    dynstr *d = dynstr_fromstring(strings, "text");
+    EXPECT_EQ(memm_isvalidobj(d), 1);
+    EXPECT_STREQ(dynstr_getstring(d), "text");
 }
 
 TEST(Init, PoolCreationBeforeInitFailsWithBothLines) {
@@ -173,6 +186,9 @@ TEST(Table, EnlargingKeepsIdsNamesObjectsAndDescriptorAddresses) {
         EXPECT_EQ(*counts[i], 1u);
         EXPECT_STREQ(memm_get_poolname2(ids[i]), names[i]);
         EXPECT_EQ(memm_get_poolid(objs[i]), ids[i]);
+        // Both kept storage ranges, the table's grown one and the pool's.
+        EXPECT_EQ(memm_isvalidobj(descs[i]), 1);
+        EXPECT_EQ(memm_isvalidobj_nolock(objs[i]), 1);
     }
 }
 
