@@ -36,11 +36,11 @@ llist_node *llist_split_at(llist_node **plist, int32_t index) {
         *plist = nullptr;
         return first;
     }
-    // The node that stays last; a negative index has the length added once.
-    const int64_t keep_last = int64_t(index) - 1;
-    if (keep_last < INT32_MIN)
+    // The node that stays last, at index - 1 (a negative position has the
+    // length added once). No list is long enough for INT32_MIN to reach it.
+    if (index == INT32_MIN)
         return nullptr;
-    llist_node *last = loc_llist_get_at(first, int32_t(keep_last));
+    llist_node *last = loc_llist_get_at(first, index - 1);
     if (!last)
         return nullptr;
     llist_node *tail = node_next(last);

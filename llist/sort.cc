@@ -45,8 +45,7 @@ uint32_t sort(llist_node **plist, const Order &order) {
     llist_node *rest = *plist;
     while (rest) {
         llist_node *node = rest;
-        rest = node_next(node);
-        node_set_next(node, nullptr);
+        rest = node_next(node); // insert_in_order sets node's next anew
         insert_in_order(list_link(&sorted), node, order);
     }
     *plist = sorted;
