@@ -27,7 +27,8 @@
  * list and one reference of every linked object.
  *
  * Every function takes the library's recursive lock for its whole run, except
- * the _nolock variants, whose caller must hold it (memm_lock/memm_unlock).
+ * the _nolock variants, whose caller must hold it (memm_lock/memm_unlock), and
+ * llist_enumcb_bytype, which holds it only while it reads one node.
  * List functions write nothing to the system log; the pool functions that
  * they call log their own failures.
  */
@@ -230,7 +231,8 @@ MEMM_API llist_node *llist_split_at(llist_node **plist, int32_t index);         
  * node with a null linked_obj ends the copy): one new node of `pool` per
  * object, each holding one more reference of it. An object that cannot take
  * another reference (at MEMM_MAX_REFS holders) is copied as a node with a null
- * linked_obj, as llist_addref does. `src` is not changed. Lock reason
+ * linked_obj, as llist_addref does. `src` is not changed; it may be *pdst
+ * itself, which then gets a copy of itself as it was appended. Lock reason
  * "llist_refalloc".
  * MEMM_ERR_NO_MEMORY: the node pool gave no node; then the WHOLE destination
  * list is released (the nodes it held before the call included, with one
