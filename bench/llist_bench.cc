@@ -6,10 +6,13 @@
 // quadratic; llist_pushobject is constant per node. A walk through the public
 // accessors takes the lock once per call; llist_searchobject walks the whole
 // list under one lock. std::forward_list allocates from the heap and takes no
-// lock, and it holds no references.
+// lock, and it holds no references. llist_sort is an insertion sort (quadratic
+// in comparisons, relinking only); std::forward_list::sort is a merge sort.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <forward_list>
+#include <random>
 #include <vector>
 
 #include "llist.h"
@@ -127,6 +130,51 @@ void BM_ForwardListBuildByAppend(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations() * n);
 }
 BENCHMARK(BM_ForwardListBuildByAppend)->Arg(kObjects);
+
+// ---- sorting a shuffled list (building and releasing it are not timed) ----
+
+int32_t by_value(void *a, void *b) { return static_cast<Item *>(a)->value - static_cast<Item *>(b)->value; }
+
+std::vector<void *> shuffled(const BenchPools &p, int n) {
+    std::vector<void *> v(p.objs.begin(), p.objs.begin() + n);
+    std::shuffle(v.begin(), v.end(), std::mt19937(42));
+    return v;
+}
+
+// Insertion sort by design: quadratic in comparisons, no allocation.
+void BM_LlistSort(benchmark::State &state) {
+    const BenchPools &p = pools();
+    const std::vector<void *> objs = shuffled(p, int(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        llist_node *list = nullptr;
+        for (void *obj : objs) {
+            memm_refalloc(obj);
+            llist_pushobject(&list, obj, p.nodes);
+        }
+        state.ResumeTiming();
+        llist_sort(&list, by_value);
+        state.PauseTiming();
+        llist_free_plist(&list);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_LlistSort)->Arg(kObjects);
+
+void BM_ForwardListSort(benchmark::State &state) {
+    const BenchPools &p = pools();
+    const std::vector<void *> objs = shuffled(p, int(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::forward_list<void *> list(objs.begin(), objs.end());
+        state.ResumeTiming();
+        list.sort([](void *a, void *b) { return by_value(a, b) < 0; });
+        benchmark::DoNotOptimize(list.front());
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ForwardListSort)->Arg(kObjects);
 
 // ---- walking ----
 

@@ -27,7 +27,8 @@
  * list and one reference of every linked object.
  *
  * Every function takes the library's recursive lock for its whole run, except
- * the _nolock variants, whose caller must hold it (memm_lock/memm_unlock).
+ * the _nolock variants, whose caller must hold it (memm_lock/memm_unlock), and
+ * llist_enumcb_bytype, which holds it only while it reads one node.
  * List functions write nothing to the system log; the pool functions that
  * they call log their own failures.
  */
@@ -199,6 +200,115 @@ MEMM_API uint32_t llist_getreallength(llist_node *list);                  /* nod
  * the first node, with its object and a null next.
  * Choice: a null plist returns MEMM_ERR_INVALID_ARG. */
 MEMM_API uint32_t llist_free_plist(llist_node **plist);                   /* result code of the release; *plist set to null */
+
+/* ================= Sorting, splitting, cloning, joining ================= */
+
+/* Sorting: a stable insertion sort of the whole chain that relinks the nodes
+ * and allocates nothing (quadratic in comparisons). cmp gets the linked
+ * objects, never the nodes: cmp(a, b) < 0 puts a before b, and objects that
+ * compare equal keep their order. A list whose length is 0 or 1 is left as it
+ * is; otherwise nodes beyond the length take part too, with a null object.
+ * cmp runs under the library lock and may call the library, but must not wait
+ * for another thread that needs the lock.
+ * MEMM_ERR_INVALID_ARG: plist or cmp null; nothing changes.
+ * llist_sort_ex passes ctx as cmp's first argument. Both lock as "llist_sort". */
+MEMM_API uint32_t llist_sort(llist_node **plist, llist_compare_fn cmp);                   /* MEMM_OK or MEMM_ERR_INVALID_ARG */
+MEMM_API uint32_t llist_sort_ex(llist_node **plist, void *ctx, llist_compare_ex_fn cmp);  /* MEMM_OK or MEMM_ERR_INVALID_ARG */
+/* Inserts obj in a new node of `pool` before the first node whose object it
+ * compares below (cmp(obj, that object) < 0), so after every node it is equal
+ * to; in a list sorted by cmp the list stays sorted. The list takes over the
+ * caller's reference of obj.
+ * Always MEMM_OK: when no node can be allocated nothing is added and obj is
+ * untouched (the caller keeps its reference).
+ * Choice: a null plist or cmp adds nothing either (checked before any node is
+ * allocated), so obj stays the caller's; callers are expected to give both. */
+MEMM_API uint32_t llist_insert_sorted(llist_node **plist, void *obj, uint32_t pool,
+                                      llist_compare_fn cmp);                               /* always MEMM_OK */
+/* Reverses the whole chain in one pass by relinking; nothing is allocated.
+ * MEMM_ERR_INVALID_ARG: plist null. */
+MEMM_API uint32_t llist_reverse(llist_node **plist);                                      /* MEMM_OK or MEMM_ERR_INVALID_ARG */
+/* The list keeps its first `index` nodes; the rest is cut off and returned as
+ * a list of its own, which the caller then owns. No node is allocated or
+ * released and no reference changes.
+ *   index 0, or index == -length: the whole list moves to the result and
+ *     *plist becomes null;
+ *   -k (k < length): the last k nodes are cut off;
+ *   index == length: null, the list is whole;
+ *   beyond the end, still negative after adding the length, or a first node
+ *     that is not a valid pool object: null, the list unchanged.
+ * Choice: a null plist returns null. */
+MEMM_API llist_node *llist_split_at(llist_node **plist, int32_t index);                   /* first node of the cut-off tail, or null */
+/* Appends to *pdst a copy by reference of `src` up to its length (the first
+ * node with a null linked_obj ends the copy): one new node of `pool` per
+ * object, each holding one more reference of it. An object that cannot take
+ * another reference (at MEMM_MAX_REFS holders) is copied as a node with a null
+ * linked_obj, as llist_addref does. `src` is not changed; it may be *pdst
+ * itself, which then gets a copy of itself as it was appended. Lock reason
+ * "llist_refalloc".
+ * MEMM_ERR_NO_MEMORY: the node pool gave no node; then the WHOLE destination
+ * list is released (the nodes it held before the call included, with one
+ * reference of each of their objects) and *pdst is set to null.
+ * Choice: the reference taken for the object whose node could not be had is
+ * given back, so the copied objects' counts are as before the call.
+ * Choice: a null pdst returns MEMM_ERR_INVALID_ARG and takes nothing. */
+MEMM_API uint32_t llist_clone(llist_node **pdst, llist_node *src, uint32_t pool);         /* MEMM_OK or MEMM_ERR_NO_MEMORY */
+/* Joining: the nodes of `list` move into *plist as they are (nothing copied,
+ * no reference changes); afterwards they belong to *plist and must not be
+ * released separately. `list` must not already be part of *plist.
+ * llist_addlist appends the chain at the end (lock reason "llist_add");
+ * MEMM_ERR_INVALID_ARG when plist or list is null.
+ * llist_insert_list_at places the chain so that its first node stands at
+ * `index` (as llist_insert_at places one node) and the node that stood there
+ * follows the chain's last node. A null list returns MEMM_OK and changes
+ * nothing; MEMM_ERR_INVALID_ARG for a null plist or a position beyond the
+ * end, with both lists unchanged. */
+MEMM_API uint32_t llist_addlist(llist_node **plist, llist_node *list);                    /* MEMM_OK or MEMM_ERR_INVALID_ARG */
+MEMM_API uint32_t llist_insert_list_at(llist_node **plist, llist_node *list, int32_t index); /* result code */
+
+/* ================= Typed enumeration ================= */
+
+/* A type is a pool id: an object is of that type when its root pool is that
+ * id (memm_instanceof), so objects of extension pools count as their root's.
+ * LLIST_TYPE_ANY matches every object, LLIST_TYPE_NONE none. A node with a
+ * null linked_obj never matches and is passed over (the walks go to the real
+ * end, not only to the length). */
+
+/* The first object of the type, or with skip != 0 the second one (any
+ * non-zero value skips exactly one); null when there is none. */
+MEMM_API void    *llist_get_bytype(llist_node *list, uint32_t type, int skip);            /* first (skip != 0: second) object of the type, or null */
+/* Cursor enumeration. The caller keeps *index (the number of objects
+ * delivered, 0 to start a round) and *last (the last object delivered)
+ * between calls; each call returns the next object of the type, stores it in
+ * *last and, when it is not null, adds 1 to *index. The cursor holds no node,
+ * so the list may change between calls:
+ *   - while *last is still in the list, the next match after its first node
+ *     is returned;
+ *   - once *last has left the list (or is null), the match at 0-based
+ *     position *index among the current matches is returned: the first one
+ *     not yet delivered if the earlier ones are all still there.
+ * At the end *last becomes null, *index keeps the number delivered and
+ * further calls return null. Null list, index or last: null, nothing changed.
+ * Each step walks from the first node. */
+MEMM_API void    *llist_enum_bytype(llist_node *list, uint32_t type, uint32_t *index,
+                                    void **last);                                          /* next object of the type, or null */
+MEMM_API void    *llist_enum_bytype_nolock(llist_node *list, uint32_t type, uint32_t *index,
+                                           void **last);                                   /* next object of the type, or null */
+/* llist_enum_bytype over live dynamic strings only (dynstr_isdynstring),
+ * whatever their string pool. */
+MEMM_API struct dynstr *llist_enum_dynstr(llist_node *list, uint32_t *index,
+                                          struct dynstr **last);                           /* next live dynamic string, or null */
+/* Calls cb(obj, ctx) for each object of the type (memm_instanceof, so
+ * LLIST_TYPE_ANY delivers nothing here) from the first node up to the
+ * list's length, until cb returns 0; returns how many calls returned
+ * non-zero. 0 for a null cb.
+ * The lock is taken only while one node is read (reason
+ * "llist_enumcb_bytype") and is NOT held during cb, unless the caller holds
+ * it: cb may call any library function, including one that deletes or
+ * removes the current object's node. The next node is read before cb runs;
+ * if cb releases that next node, the walk ends there (a released node is no
+ * longer a valid pool object, unless its slot has been allocated again). */
+MEMM_API uint32_t llist_enumcb_bytype(llist_node *list, uint32_t type, llist_enum_fn cb,
+                                      void *ctx);                                          /* number of objects the callback accepted; lock taken per node, not held during cb */
 
 #ifdef __cplusplus
 }
