@@ -1,6 +1,7 @@
 /* A small daemon's data model on memm pools.
  *
- * The process keeps its configuration values as dynamic strings, its
+ * The process keeps its configuration values as dynamic strings (a
+ * list-valued setting as a string list), its
  * sessions in a pool of fixed-size records instead of on the general heap,
  * and lists of them in a pool of list nodes. It
  * allocates, shares and releases sessions, lets the pool grow into extension
@@ -13,6 +14,7 @@
 #include "dynstr.h"
 #include "llist.h"
 #include "memm.h"
+#include "strlist.h"
 
 struct session {
     uint32_t id;
@@ -77,10 +79,29 @@ static int load_configuration(uint32_t cfg) {
     return ifname && mtu && label ? 0 : 1; /* the rest stays: it is the running configuration */
 }
 
+static int32_t by_text(void *a, void *b) { return dynstr_strcmp(a, b); }
+
+/* A comma-separated setting becomes a string list: one record per name,
+ * sorted, then joined back into one text for display. */
+static int load_server_list(uint32_t cfg, uint32_t nodes) {
+    llist_node *servers = strlist_fromstring("ntp2.lan,ntp1.lan,10.0.0.1", ",", nodes, cfg);
+    dynstr *joined;
+
+    if (!servers)
+        return 1;
+    llist_sort(&servers, by_text);
+    joined = strlist_todynstr(servers, ", ", cfg);
+    if (!joined)
+        return 1;
+    printf("  %u time servers: %s\n", strlist_getlength(servers), dynstr_getstring(joined));
+    memm_free(joined);
+    return 0; /* the list stays: it is configuration */
+}
+
 int main(void) {
     enum { PLANNED = 8, OPENED = 12 };
     memm_pool_options options;
-    uint32_t pool, nodes, cfg, i;
+    uint32_t pool, nodes, cfg, cfg_nodes, i;
     llist_node *active = NULL, *idle = NULL, *n;
     struct session *s;
 
@@ -88,10 +109,11 @@ int main(void) {
     if (memm_init(16, 2) != MEMM_OK)
         return 1;
     cfg = dynstr_initpool("config", 64, 4096);
-    if (cfg == MEMM_INVALID_POOL)
+    cfg_nodes = llist_initpool("config_nodes", 16, (int32_t)sizeof(llist_node), NULL);
+    if (cfg == MEMM_INVALID_POOL || cfg_nodes == MEMM_INVALID_POOL)
         return 1;
     printf("Configuration:\n");
-    if (load_configuration(cfg) != 0)
+    if (load_configuration(cfg) != 0 || load_server_list(cfg, cfg_nodes) != 0)
         return 1;
 
     memset(&options, 0, sizeof options);

@@ -1,11 +1,13 @@
 /* A plain C99 program against the public headers: it compiles as C with
- * warnings as errors, drives the basic object life cycle and converts a
- * value through a dynamic string. */
+ * warnings as errors, drives the basic object life cycle, converts a
+ * value through a dynamic string and splits and joins a string list. */
 #include <stdio.h>
 #include <string.h>
 
 #include "dynstr.h"
+#include "llist.h"
 #include "memm.h"
+#include "strlist.h"
 
 struct record {
     int id;
@@ -31,9 +33,10 @@ static uint32_t on_release(void *obj) {
 }
 
 int main(void) {
-    uint32_t pool, strings, port = 0;
+    uint32_t pool, strings, nodes, port = 0;
     struct record *r;
-    dynstr *d;
+    dynstr *d, *joined;
+    llist_node *list;
 
     CHECK(memm_init(8, 1) == MEMM_OK);
     pool = memm_initpool2("c_records", 4, (int32_t)sizeof(struct record), NULL, on_release);
@@ -57,6 +60,13 @@ int main(void) {
     d = dynstr_fromuint32(strings, 8080u);
     CHECK(d != NULL && dynstr_strcmp2(d, "8080") == 0);
     CHECK(dynstr_getuint32(d, &port) == MEMM_OK && port == 8080u);
+
+    nodes = llist_initpool("c_nodes", 8, (int32_t)sizeof(llist_node), NULL);
+    list = strlist_fromstring("b,a", ",", nodes, strings);
+    CHECK(strlist_getlength(list) == 2 && strcmp(strlist_getstring_at(list, -1), "a") == 0);
+    joined = strlist_todynstr(list, "+", strings);
+    CHECK(joined != NULL && dynstr_strcmp2(joined, "b+a") == 0);
+    CHECK(memm_free(joined) == MEMM_OK && llist_free_plist(&list) == MEMM_OK && list == NULL);
 
     if (failures)
         return 1;

@@ -1,5 +1,6 @@
 # Compares the dynamic symbol table of the library with the functions the
-# public headers declare: both lists must be equal.
+# public headers declare and with the names the version script exports: all
+# three lists must be equal, and hold the whole API of 208 functions.
 file(GLOB headers ${INCLUDE_DIR}/*.h)
 set(declared)
 foreach(h ${headers})
@@ -34,5 +35,24 @@ list(REMOVE_ITEM extra ${declared})
 list(LENGTH declared n)
 if(missing OR extra)
   message(FATAL_ERROR "export mismatch\n  declared but not exported: ${missing}\n  exported but not declared: ${extra}")
+endif()
+
+file(STRINGS ${MAP} map_lines REGEX "^[ \t]+[A-Za-z_][A-Za-z0-9_]*;$")
+set(mapped)
+foreach(line ${map_lines})
+  string(STRIP "${line}" line)
+  string(REPLACE ";" "" line "${line}")
+  list(APPEND mapped ${line})
+endforeach()
+list(SORT mapped)
+if(NOT mapped STREQUAL declared)
+  set(unmapped ${declared})
+  list(REMOVE_ITEM unmapped ${mapped})
+  set(undeclared ${mapped})
+  list(REMOVE_ITEM undeclared ${declared})
+  message(FATAL_ERROR "version script mismatch\n  declared, not in the script: ${unmapped}\n  in the script, not declared: ${undeclared}")
+endif()
+if(NOT n EQUAL 208)
+  message(FATAL_ERROR "the headers declare ${n} functions, the API has 208")
 endif()
 message(STATUS "exports match the ${n} declared functions")
