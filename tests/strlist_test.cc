@@ -121,6 +121,25 @@ TEST(Strlist, EscapedSplitInvertsEscapedJoin) {
     EXPECT_EQ(strlist_fromstring_escaped(nullptr, ',', '^', p.nodes, p.strings), nullptr);
 }
 
+// Items record the line that added or split them, not the library's.
+__attribute__((noinline)) llist_node *built_here(uint32_t nodes, uint32_t strings) {
+    llist_node *list = strlist_fromstring("a", ",", nodes, strings);
+    strlist_addstring(&list, "b", nodes, strings);
+    strlist_adduint32(&list, 3, nodes, strings);
+    __asm__ volatile("" ::: "memory");
+    return list;
+}
+
+TEST(Strlist, ItemsRecordTheirCaller) {
+    Pools p;
+    llist_node *list = built_here(p.nodes, p.strings);
+    const char *start = reinterpret_cast<const char *>(&built_here);
+    for (int32_t i = 0; i < 3; i++) {
+        const char *at = static_cast<const char *>(memm_test::allocfrom(strlist_getdynstr_at(list, i)));
+        EXPECT_TRUE(at >= start && at < start + 256) << "item " << i;
+    }
+}
+
 // Who holds each record after the operations that hand references over.
 TEST(Strlist, OwnershipAndItemsByPosition) {
     Pools p;
@@ -195,6 +214,13 @@ TEST(Strlist, OwnershipAndItemsByPosition) {
         seen.push_back(dynstr_getstring(d));
     EXPECT_EQ(seen, (Items{"42", "7"}));
     EXPECT_EQ(strlist_todynstr(list, "+", p.strings), nullptr) << "a foreign object fails the join";
+
+    // A node with a null object ends the list's length: a clone stops there.
+    ASSERT_EQ(llist_addobject(&list, nullptr, p.nodes), MEMM_OK);
+    ASSERT_EQ(strlist_addstring(&list, "behind", p.nodes, p.strings), MEMM_OK);
+    copy = strlist_clone(list, p.nodes, p.strings);
+    EXPECT_EQ(items_of(copy), (Items{"42", "7", ""}));
+    EXPECT_EQ(llist_getreallength(copy), 3u);
     EXPECT_EQ(strlist_partialtodynstr(list, "+", p.strings, 0, 2), nullptr) << "also outside the range";
 }
 
@@ -212,6 +238,8 @@ TEST(Strlist, PoolsRunningDryPartWay) {
 
     std::string escaped = line;
     EXPECT_EQ(strlist_fromstring_escaped(&escaped[0], ',', '^', p.nodes, p.strings), nullptr);
+    escaped = "a,b";
+    EXPECT_EQ(strlist_fromstring_escaped(&escaped[0], ',', '^', p.nodes, p.nodes), nullptr) << "no string pool";
     EXPECT_EQ(in_use(p.nodes), 0u);
     EXPECT_TRUE(storage_consistent(p.strings, 0));
 
