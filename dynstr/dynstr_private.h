@@ -66,6 +66,24 @@ MEMM_INTERNAL int loc_dynmem_alloc(dynstr_pooldesc *pool, dynstr *d, int32_t siz
 MEMM_INTERNAL uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynstr **tmp);
 MEMM_INTERNAL uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d);
 
+// A write in progress: the record's pool, its maximum size and the
+// temporary record holding its old text (steps 1-2 and 5-7 of the write
+// protocol in storage.cc; the writer does steps 3-4 in between).
+struct Write {
+    dynstr_pooldesc *pool;
+    uint32_t maxsize;
+    dynstr *old;
+};
+// Opens a write into d. MEMM_ERR_INVALID_ARG for a record outside a string
+// pool or a deleted placeholder (writing into it would revive dead space
+// behind the collector's back); MEMM_ERR_NO_MEMORY when no record is left
+// for the old text. On success d is blank.
+MEMM_INTERNAL uint32_t loc_dynstr_begin_write(dynstr *d, Write *w);
+// Settles what the writer left in d, writes the maximum size back and
+// releases the old text. Returns `result` if the writer failed, else the
+// placement's result.
+MEMM_INTERNAL uint32_t loc_dynstr_end_write(const Write &w, dynstr *d, uint32_t result);
+
 // ---- deletion (deletion.cc) ------------------------------------------------------
 MEMM_INTERNAL uint32_t loc_dynstr_free_ex(void *rec);
 MEMM_INTERNAL void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *next, uint32_t k);

@@ -34,13 +34,14 @@ void clear_behind_text(char *text, size_t written) {
 } // namespace
 
 uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap) {
-    dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    if (!pool || is_deleted(d) || !fmt) // see loc_setsubstring
+    if (!fmt)
         return MEMM_ERR_INVALID_ARG;
-    const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
-    dynstr *old;
-    if (loc_dynstr_detach(pool, d, &old) != MEMM_OK)
-        return MEMM_ERR_NO_MEMORY;
+    Write w;
+    if (const uint32_t refused = loc_dynstr_begin_write(d, &w))
+        return refused;
+    dynstr_pooldesc *const pool = w.pool;
+    const uint32_t maxsize = w.maxsize;
+    dynstr *const old = w.old;
     // Length of the text kept in front of the output.
     const size_t keep = append && old->str && size_of(old) ? size_of(old) - 1 : 0;
 
@@ -105,11 +106,7 @@ uint32_t loc_vsprintf(dynstr *d, int append, const char *fmt, va_list ap) {
         loc_setstrsize(d, uint32_t(len + 1));
     else if (!staged)
         loc_setstrsize(d, 0);
-    const uint32_t settled = loc_dynstr_updatepool(pool, d);
-    if (maxsize)
-        (void)loc_setmaxsize(d, maxsize);
-    memm_free_nolock(old);
-    return result != MEMM_OK ? result : settled;
+    return loc_dynstr_end_write(w, d, result);
 }
 
 } // namespace dynstr_detail

@@ -30,21 +30,17 @@ uint32_t bytes_that_fit(uint32_t count, uint32_t maxsize) {
 } // namespace
 
 uint32_t loc_sethexstring(dynstr *d, const uint8_t *data, uint32_t count) {
-    dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    if (!pool || is_deleted(d)) // a placeholder must not be revived
-        return MEMM_ERR_INVALID_ARG;
-    const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
-    dynstr *old;
-    if (loc_dynstr_detach(pool, d, &old) != MEMM_OK)
-        return MEMM_ERR_NO_MEMORY;
+    Write w;
+    if (const uint32_t refused = loc_dynstr_begin_write(d, &w))
+        return refused;
 
     uint32_t result = MEMM_OK;
-    const uint32_t bytes = data ? bytes_that_fit(count, maxsize) : 0;
+    const uint32_t bytes = data ? bytes_that_fit(count, w.maxsize) : 0;
     if (bytes > 0) {
         const uint32_t size = 2 * bytes + 1;
         // The destination is all zero (free tail or fresh block), so the
         // terminator is already in place.
-        if (int64_t(size) <= loc_getfreespace(pool, d) || loc_dynmem_alloc(pool, d, int32_t(size))) {
+        if (int64_t(size) <= loc_getfreespace(w.pool, d) || loc_dynmem_alloc(w.pool, d, int32_t(size))) {
             for (uint32_t i = 0; i < bytes; i++) {
                 d->str[2 * i] = kHexDigits[data[i] >> 4];
                 d->str[2 * i + 1] = kHexDigits[data[i] & 0xF];
@@ -55,11 +51,7 @@ uint32_t loc_sethexstring(dynstr *d, const uint8_t *data, uint32_t count) {
         }
     }
 
-    const uint32_t settled = loc_dynstr_updatepool(pool, d);
-    if (maxsize)
-        (void)loc_setmaxsize(d, maxsize);
-    memm_free_nolock(old);
-    return result != MEMM_OK ? result : settled;
+    return loc_dynstr_end_write(w, d, result);
 }
 
 } // namespace dynstr_detail

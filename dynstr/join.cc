@@ -121,20 +121,19 @@ uint32_t loc_count_escapes(const char *text, const char *sep, unsigned char esc)
 
 uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const char *sep, unsigned char esc, int32_t first,
                                int32_t end) {
-    dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    if (!pool || is_deleted(d) || !sep) // see loc_setsubstring
+    if (!sep)
         return MEMM_ERR_INVALID_ARG;
-    const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
-    dynstr *old;
-    if (loc_dynstr_detach(pool, d, &old) != MEMM_OK)
-        return MEMM_ERR_NO_MEMORY;
+    Write w;
+    if (const uint32_t refused = loc_dynstr_begin_write(d, &w))
+        return refused;
+    const uint32_t maxsize = w.maxsize;
     const Join j{sep, strlen(sep), esc, first, end};
 
     uint32_t result = MEMM_OK;
     size_t size = 0;
     if (list) {
         // Attempt 1 into the free tail, attempt 2 into an exactly sized block.
-        size_t room = size_t(loc_getfreespace(pool, d));
+        size_t room = size_t(loc_getfreespace(w.pool, d));
         bool capped = false; // the size field, not the block, limits attempt 2
         for (int attempt = 1; attempt <= 2; attempt++) {
             const bool truncating = capped || (maxsize && room >= maxsize);
@@ -155,7 +154,7 @@ uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const char *sep, uns
             // items that fit, as at a maximum size.
             capped = total + 1 > DYNSTR_LONG_SIZE_MAX;
             room = capped ? DYNSTR_LONG_SIZE_MAX : size_t(total + 1);
-            if (!loc_dynmem_alloc(pool, d, int32_t(room))) {
+            if (!loc_dynmem_alloc(w.pool, d, int32_t(room))) {
                 result = MEMM_ERR_NO_MEMORY;
                 break;
             }
@@ -166,13 +165,9 @@ uint32_t loc_dynstr_setstrlist(dynstr *d, llist_node *list, const char *sep, uns
     // its pointer with size 0, so that loc_dynstr_updatepool frees it.
     if (size > 1)
         loc_setstrsize(d, uint32_t(size));
-    else if (!(pool->state & DYNSTR_STATE_DYNMEM_PENDING))
+    else if (!(w.pool->state & DYNSTR_STATE_DYNMEM_PENDING))
         d->str = nullptr;
-    const uint32_t settled = loc_dynstr_updatepool(pool, d);
-    if (maxsize)
-        (void)loc_setmaxsize(d, maxsize);
-    memm_free_nolock(old);
-    return result != MEMM_OK ? result : settled;
+    return loc_dynstr_end_write(w, d, result);
 }
 
 } // namespace dynstr_detail

@@ -187,4 +187,20 @@ uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d) {
     return MEMM_OK;
 }
 
+uint32_t loc_dynstr_begin_write(dynstr *d, Write *w) {
+    w->pool = loc_getdynstrpool(d);
+    if (!w->pool || is_deleted(d))
+        return MEMM_ERR_INVALID_ARG;
+    w->maxsize = DYNSTR_MAXSIZE(d->flags);
+    return loc_dynstr_detach(w->pool, d, &w->old) == MEMM_OK ? MEMM_OK : MEMM_ERR_NO_MEMORY;
+}
+
+uint32_t loc_dynstr_end_write(const Write &w, dynstr *d, uint32_t result) {
+    const uint32_t settled = loc_dynstr_updatepool(w.pool, d);
+    if (w.maxsize)
+        (void)loc_setmaxsize(d, w.maxsize);
+    memm_free_nolock(w.old);
+    return result != MEMM_OK ? result : settled;
+}
+
 } // namespace dynstr_detail

@@ -40,17 +40,13 @@ Piece record_piece(const dynstr *src, int32_t offset, int32_t length) {
 } // namespace
 
 uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length) {
-    dynstr_pooldesc *pool = loc_getdynstrpool(d);
-    // A deleted record is a placeholder the collector still tracks: writing
-    // into it would revive dead space behind the collector's back.
-    if (!pool || is_deleted(d) || (!src && !src_rec))
+    if (!src && !src_rec)
         return MEMM_ERR_INVALID_ARG;
-    const uint32_t maxsize = DYNSTR_MAXSIZE(d->flags);
-    dynstr *old;
-    if (loc_dynstr_detach(pool, d, &old) != MEMM_OK)
-        return MEMM_ERR_NO_MEMORY;
+    Write w;
+    if (const uint32_t refused = loc_dynstr_begin_write(d, &w))
+        return refused;
     if (src_rec == d)
-        src_rec = old; // self-assignment reads the detached text
+        src_rec = w.old; // self-assignment reads the detached text
     const Piece piece = src ? string_piece(src, offset, length) : record_piece(src_rec, offset, length);
 
     bool staging_failed = false;
@@ -60,11 +56,11 @@ uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t o
         size_t size = piece.len + 1;
         if (size > DYNSTR_LONG_SIZE_MAX)
             size = DYNSTR_LONG_SIZE_MAX;
-        if (maxsize && maxsize < size)
-            size = maxsize;
-        // The old text stays readable (it belongs to `old` now), so a source
-        // inside it is safe; the new text never overlaps it.
-        if (int64_t(size) <= loc_getfreespace(pool, d) || loc_dynmem_alloc(pool, d, int32_t(size))) {
+        if (w.maxsize && w.maxsize < size)
+            size = w.maxsize;
+        // The old text stays readable (it belongs to `w.old` now), so a
+        // source inside it is safe; the new text never overlaps it.
+        if (int64_t(size) <= loc_getfreespace(w.pool, d) || loc_dynmem_alloc(w.pool, d, int32_t(size))) {
             // Bounded by the source's terminator too: a literal whose text
             // changed under it may be shorter than its size says, and the
             // bytes behind its terminator must not land in the free tail.
@@ -77,11 +73,7 @@ uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t o
         }
     }
 
-    const uint32_t settled = loc_dynstr_updatepool(pool, d);
-    if (maxsize)
-        (void)loc_setmaxsize(d, maxsize);
-    memm_free_nolock(old);
-    return staging_failed ? MEMM_ERR_NO_MEMORY : settled;
+    return loc_dynstr_end_write(w, d, staging_failed ? MEMM_ERR_NO_MEMORY : MEMM_OK);
 }
 
 } // namespace dynstr_detail

@@ -47,10 +47,17 @@ using namespace strlist_detail;
 
 namespace {
 
-uint32_t add_string(llist_node **plist, const char *s, uint32_t nodepool, uint32_t strpool, void *caller) {
-    if (!plist)
-        return MEMM_ERR_INVALID_ARG;
-    return loc_strlist_append(plist, dynstr_fromstring_nolock(strpool, s), nodepool, caller);
+// Hands the item that `make` builds (lock held) to the list; a null plist is
+// refused before anything is made.
+template <typename Make>
+uint32_t add_made(const char *reason, llist_node **plist, uint32_t nodepool, void *caller, Make make) {
+    PoolLock lock(reason);
+    return plist ? loc_strlist_append(plist, make(), nodepool, caller) : MEMM_ERR_INVALID_ARG;
+}
+
+uint32_t add_uint32(const char *reason, llist_node **plist, uint32_t v, uint32_t nodepool, uint32_t strpool,
+                    void *caller) {
+    return add_made(reason, plist, nodepool, caller, [&] { return dynstr_fromuint32(strpool, v); });
 }
 
 } // namespace
@@ -58,37 +65,27 @@ uint32_t add_string(llist_node **plist, const char *s, uint32_t nodepool, uint32
 extern "C" {
 
 uint32_t strlist_addstring_nolock(llist_node **plist, const char *s, uint32_t nodepool, uint32_t strpool) {
-    return add_string(plist, s, nodepool, strpool, __builtin_return_address(0));
+    if (!plist)
+        return MEMM_ERR_INVALID_ARG;
+    return loc_strlist_append(plist, dynstr_fromstring_nolock(strpool, s), nodepool, __builtin_return_address(0));
 }
 
 uint32_t strlist_addstring(llist_node **plist, const char *s, uint32_t nodepool, uint32_t strpool) {
-    void *caller = __builtin_return_address(0);
-    PoolLock lock("strlist_addstring");
-    return add_string(plist, s, nodepool, strpool, caller);
+    return add_made("strlist_addstring", plist, nodepool, __builtin_return_address(0),
+                    [&] { return dynstr_fromstring_nolock(strpool, s); });
 }
 
 uint32_t strlist_addliteral(llist_node **plist, const char *literal, uint32_t nodepool, uint32_t strpool) {
-    void *caller = __builtin_return_address(0);
-    PoolLock lock("strlist_addliteral");
-    if (!plist)
-        return MEMM_ERR_INVALID_ARG;
-    return loc_strlist_append(plist, dynstr_fromliteral_nolock(strpool, literal), nodepool, caller);
+    return add_made("strlist_addliteral", plist, nodepool, __builtin_return_address(0),
+                    [&] { return dynstr_fromliteral_nolock(strpool, literal); });
 }
 
 uint32_t strlist_adduint32(llist_node **plist, uint32_t v, uint32_t nodepool, uint32_t strpool) {
-    void *caller = __builtin_return_address(0);
-    PoolLock lock("strlist_adduint32");
-    if (!plist)
-        return MEMM_ERR_INVALID_ARG;
-    return loc_strlist_append(plist, dynstr_fromuint32(strpool, v), nodepool, caller);
+    return add_uint32("strlist_adduint32", plist, v, nodepool, strpool, __builtin_return_address(0));
 }
 
 uint32_t strlist_addulong(llist_node **plist, uint32_t v, uint32_t nodepool, uint32_t strpool) {
-    void *caller = __builtin_return_address(0);
-    PoolLock lock("strlist_addulong");
-    if (!plist)
-        return MEMM_ERR_INVALID_ARG;
-    return loc_strlist_append(plist, dynstr_fromuint32(strpool, v), nodepool, caller);
+    return add_uint32("strlist_addulong", plist, v, nodepool, strpool, __builtin_return_address(0));
 }
 
 uint32_t strlist_adddynstr(llist_node **plist, dynstr *d, uint32_t nodepool) {
