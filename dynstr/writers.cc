@@ -50,7 +50,10 @@ uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t o
     const Piece piece = src ? string_piece(src, offset, length) : record_piece(src_rec, offset, length);
 
     bool staging_failed = false;
-    if (piece.text) {
+    // A maximum size of 1 leaves room for no character: the text is the
+    // empty string, which takes no buffer space and so never fails for want
+    // of it.
+    if (piece.text && w.maxsize != 1) {
         // Texts are cut, never refused: at the maximum size, and at the
         // largest size the size field can hold.
         size_t size = piece.len + 1;

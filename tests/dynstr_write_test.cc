@@ -166,7 +166,7 @@ const struct {
 };
 
 TEST(DynstrWrite, EveryWriterCutsAtTheMaximumSize) {
-    ASSERT_EQ(memm_init(64, 40), MEMM_OK);
+    ASSERT_EQ(memm_init(64, 48), MEMM_OK);
     g_sources = dynstr_initpool2("sources", 40, 4000, 1);
     for (const auto &w : kWriters) {
         for (uint32_t free_bytes : {40u, 3u, 0u}) {
@@ -184,6 +184,13 @@ TEST(DynstrWrite, EveryWriterCutsAtTheMaximumSize) {
             EXPECT_EQ(dynstr_getmaxsize(d), 5u);
             EXPECT_TRUE(storage_consistent(pool, used + free_bytes < 64 ? 2 : 1));
         }
+        // A maximum size of 1 cuts any text to the empty string, which takes
+        // no room: a write into an exactly full buffer succeeds.
+        const uint32_t full = dynstr_initpool2(strdup((std::string(w.name) + "_full").c_str()), 4, 2, 1);
+        dynstr *d = dynstr_calloc_maxsize(full, 1);
+        ASSERT_NE(dynstr_fromstring(full, "f"), nullptr);
+        EXPECT_EQ(w.write(d), MEMM_OK) << w.name;
+        EXPECT_STREQ(dynstr_getstring(d), "") << w.name;
     }
 }
 

@@ -25,6 +25,10 @@
 #include "llist_test_helpers.h"
 
 using namespace llist_test;
+using memm_model::at;
+using memm_model::find;
+using memm_model::insert_pos;
+using memm_model::length;
 
 namespace {
 
@@ -43,32 +47,6 @@ int32_t by_key_signed(void *sign, void *a, void *b) { return *static_cast<int32_
 int collect(void *obj, void *seen) {
     static_cast<Objs *>(seen)->push_back(obj);
     return 1;
-}
-
-int count_visit(void *, void *visits) {
-    ++*static_cast<size_t *>(visits);
-    return 0;
-}
-
-size_t length(const Objs &m) { return size_t(std::find(m.begin(), m.end(), nullptr) - m.begin()); }
-
-// The node a positional detach or read addresses.
-bool at(const Objs &m, int32_t index, size_t *pos) {
-    const int64_t i = index < 0 ? int64_t(index) + int64_t(length(m)) : index;
-    *pos = size_t(i);
-    return i >= 0 && i < int64_t(m.size());
-}
-// Inserting: 0 .. size; an index still negative goes to the front of a
-// non-empty list.
-bool insert_pos(const Objs &m, int32_t index, size_t *pos) {
-    int64_t i = index < 0 ? int64_t(index) + int64_t(length(m)) : index;
-    i = std::max<int64_t>(i, m.empty() ? -1 : 0);
-    *pos = size_t(i);
-    return i >= 0 && i <= int64_t(m.size());
-}
-bool find(const Objs &m, void *o, size_t *pos) {
-    *pos = size_t(std::find(m.begin(), m.end(), o) - m.begin());
-    return *pos < m.size();
 }
 
 class ModelRun {
@@ -412,12 +390,7 @@ class ModelRun {
         const int d = pick(0, 1);
         Objs &dm = model_[d];
         if (mode < 3) {
-            const int64_t len = int64_t(length(m)), keep_last = int64_t(index) - 1 + (index <= 0 ? len : 0);
-            size_t cut = m.size(); // nothing cut off
-            if (index == 0 || index + len == 0)
-                cut = 0;
-            else if (keep_last >= 0 && keep_last < int64_t(m.size()))
-                cut = size_t(keep_last) + 1;
+            const size_t cut = memm_model::split_keep(m, index);
             const Objs tail_model(m.begin() + long(cut), m.end());
             m.resize(cut);
             llist_node *tail = llist_split_at(&lists_[l], index);
@@ -454,27 +427,8 @@ class ModelRun {
         for (int l = 0; l < 2; l++) {
             llist_node *list = lists_[l];
             const Objs &m = model_[l];
-            const size_t len = length(m);
-            EXPECT_EQ(objects_of(list), m);
+            EXPECT_EQ(memm_model::list_fault(list, m, objs_), "");
             check_nodes(list);
-            EXPECT_EQ(llist_getlength(list), len);
-            EXPECT_EQ(llist_getreallength(list), m.size());
-            EXPECT_EQ(llist_getobject_at(list, -1), len ? m[len - 1] : nullptr);
-            EXPECT_EQ(llist_getobject_at(list, int32_t(m.size()) - 1), m.empty() ? nullptr : m.back());
-            Objs walked;
-            for (llist_node *n = llist_get_first(list); n; n = llist_get_next(n))
-                walked.push_back(llist_getobject_this(n));
-            EXPECT_EQ(walked, m);
-            size_t visits = 0; // nodes with a null object included
-            EXPECT_EQ(llist_searchobject(list, &visits, count_visit), nullptr);
-            EXPECT_EQ(visits, m.size());
-            for (size_t i = 0; i <= objs_.size(); i++) {
-                void *o = i < objs_.size() ? objs_[i] : nullptr;
-                size_t pos;
-                const bool in = find(m, o, &pos);
-                EXPECT_EQ(llist_getindex_byobject(list, o), in ? uint32_t(pos) : 0xFFFFFFFFu);
-                EXPECT_EQ(llist_inlist(list, o), in && o ? 1 : 0);
-            }
             check_types(list, m);
             advance_cursor(l);
         }

@@ -1,6 +1,6 @@
 // Shared helpers of the llist_*_test.cc files: an object pool whose release
-// hook counts releases and can be told to fail, and readers of a list that go
-// through memcpy (node pools may be only 4-byte aligned).
+// hook counts releases and can be told to fail, and the list readers of the
+// shared model.
 #ifndef LLIST_TEST_HELPERS_H
 #define LLIST_TEST_HELPERS_H
 
@@ -13,11 +13,17 @@
 
 #include "llist.h"
 #include "memm.h"
+#include "model/list_model.h"
 #include "syslog_capture.h"
 
 namespace llist_test {
 
-using Objs = std::vector<void *>;
+using memm_model::in_use;
+using memm_model::next_of;
+using memm_model::nodes_of;
+using memm_model::obj_of;
+using memm_model::objects_of;
+using memm_model::Objs;
 
 // Final releases seen by the record pool's hook, and the records whose
 // release the hook refuses (it answers 1, so memm_free reports a hook failure).
@@ -60,40 +66,6 @@ inline llist_node *list_of(const Objs &objs, uint32_t pool, bool addref = true) 
     for (void *o : objs)
         EXPECT_EQ(addref ? llist_addref(&list, o, pool) : llist_addobject(&list, o, pool), MEMM_OK);
     return list;
-}
-
-// ---- node words, read and written without assuming alignment ----
-inline void *word(llist_node *node, size_t offset) {
-    void *p;
-    memcpy(&p, reinterpret_cast<uint8_t *>(node) + offset, sizeof p);
-    return p;
-}
-inline void *obj_of(llist_node *node) { return word(node, offsetof(llist_node, linked_obj)); }
-inline llist_node *next_of(llist_node *node) {
-    return static_cast<llist_node *>(word(node, offsetof(llist_node, next)));
-}
-
-// Every node / linked object to the real end (null objects included).
-inline std::vector<llist_node *> nodes_of(llist_node *list) {
-    std::vector<llist_node *> v;
-    for (llist_node *n = list; n; n = next_of(n))
-        v.push_back(n);
-    return v;
-}
-inline Objs objects_of(llist_node *list) {
-    Objs v;
-    for (llist_node *n : nodes_of(list))
-        v.push_back(obj_of(n));
-    return v;
-}
-
-// Objects in use over a pool's whole chain (root and extension pools).
-inline uint32_t in_use(uint32_t pool) {
-    uint32_t n = 0;
-    for (memm_pooldesc *p = memm_get_pool_nolock(pool); p;
-         p = p->next_pool ? memm_get_pool_nolock(p->next_pool) : nullptr)
-        n += p->cur_count;
-    return n;
 }
 
 inline uint32_t refs(void *obj) { return memm_get_refcount(obj); }

@@ -23,6 +23,7 @@
 #include "dynstr_test_support.h"
 #include "llist.h"
 #include "memm.h"
+#include "model/pool_model.h"
 #include "report_files.h"
 #include "syslog_capture.h"
 
@@ -295,16 +296,8 @@ class Worker {
     uint32_t last_pool_count_ = 0;
 };
 
-struct ChainCounts {
-    uint64_t cur = 0, ref = 0;
-};
-ChainCounts chain_counts(uint32_t root) {
-    ChainCounts c;
-    for (uint32_t id = root; id; id = memm_get_pool_nolock(id)->next_pool) {
-        c.cur += memm_get_pool_nolock(id)->cur_count;
-        c.ref += uint64_t(memm_get_pool_nolock(id)->ref_cur);
-    }
-    return c;
+uint64_t extra_refs(uint32_t root) {
+    return memm_model::chain_sum(root, [](const memm_pooldesc *d) { return uint64_t(d->ref_cur); });
 }
 uint32_t live_records(uint32_t pool) {
     uint32_t cur, max, avail;
@@ -365,8 +358,8 @@ TEST(ThreadStress, MixedWorkloadAddsUpAndReportFilesAreWhole) {
         }
         strs += tally.strs.size(), tight += tally.tight.size(), dry_failures += uint64_t(tally.dry_failures);
     }
-    EXPECT_EQ(chain_counts(p.objs).cur, held);
-    EXPECT_EQ(chain_counts(p.objs).ref, refs);
+    EXPECT_EQ(memm_model::in_use(p.objs), held);
+    EXPECT_EQ(extra_refs(p.objs), refs);
     EXPECT_EQ(memm_get_pool_nolock(p.nodes)->cur_count, nodes);
     for (int k = 0; k < 3; k++)
         EXPECT_EQ(memm_get_pool_nolock(p.dry[k])->cur_count, dry[k]);
@@ -418,8 +411,8 @@ TEST(ThreadStress, MixedWorkloadAddsUpAndReportFilesAreWhole) {
         for (dynstr *d : tally.tight)
             EXPECT_EQ(memm_free(d), MEMM_OK);
     }
-    EXPECT_EQ(chain_counts(p.objs).cur, 0u);
-    EXPECT_EQ(chain_counts(p.objs).ref, 0u);
+    EXPECT_EQ(memm_model::in_use(p.objs), 0u);
+    EXPECT_EQ(extra_refs(p.objs), 0u);
     EXPECT_EQ(memm_get_pool_nolock(p.nodes)->cur_count, 0u);
     for (int k = 0; k < 3; k++)
         EXPECT_EQ(memm_get_pool_nolock(p.dry[k])->cur_count, 0u);
