@@ -198,7 +198,12 @@ MEMM_API void     memm_depletion_no_reboot(uint32_t poolid); /* nothing; root po
  * for any pointer, also one into memory that is not readable. The first two
  * find the pool whose storage holds the header (a search of the pools'
  * storage ranges, O(log pools)) and read the header only then. The other
- * functions taking an object read its header without such a check. */
+ * functions taking an object read its header without such a check.
+ * memm_instanceof and memm_instanceof_no_ori compare the id they find with
+ * poolid as it is: a null object, and for memm_instanceof an object whose
+ * header names no pool (a released slot), has the id 0xFFFFFFFF, and
+ * memm_instanceof_no_ori takes a released slot's id as 0x7FFF (state & 0x7FFF
+ * of the free marker). Those ids therefore answer 1 for such objects. */
 MEMM_API int      memm_isvalidobj(void *obj);                                  /* 1 if the header check passes, else 0 */
 MEMM_API int      memm_isvalidobj_nolock(void *obj);                           /* 1 if the header check passes, else 0 */
 MEMM_API int      memm_isvalidobjfrompool(uint32_t poolid, void *obj);         /* 1 if obj is an exact slot of that pool, else 0 */
