@@ -186,6 +186,10 @@ MEMM_API void    *memm_calloc_nolock(uint32_t poolid);       /* zero-filled obje
 MEMM_API void    *memm_calloc_nolock_nogc(uint32_t poolid);  /* zero-filled object or null; never collects, never extends, may use the reserve */
 MEMM_API uint32_t memm_free(void *obj);                      /* result code (0 for null; MEMM_ERR_HOOK_FAILED); matches memm_release_fn */
 MEMM_API uint32_t memm_free_nolock(void *obj);               /* result code (0 for null; MEMM_ERR_HOOK_FAILED) */
+/* memm_refalloc(_nolock) and memm_get_refcount count an object invalid when
+ * its header's pool id names no pool (a released slot, for instance); they do
+ * not check that the header lies in that pool, so they are no test of an
+ * arbitrary pointer either. */
 MEMM_API void    *memm_refalloc(void *obj);                  /* obj with one more holder, or null */
 MEMM_API void    *memm_refalloc_nolock(void *obj);           /* obj with one more holder, or null */
 MEMM_API uint32_t memm_get_refcount(void *obj);              /* number of holders; 0 for null or invalid */
@@ -222,7 +226,7 @@ MEMM_API uint32_t memm_get_number_of_pools(void);                              /
 MEMM_API uint32_t *memm_get_currentcount_ptr(uint32_t poolid, uint32_t *base_count,
                                              uint32_t *reserve_flag);           /* address of the pool's cur_count, or null */
 MEMM_API memm_pooldesc *memm_get_pool_nolock(uint32_t poolid);                 /* the pool's descriptor, or null */
-MEMM_API uint32_t memm_getindex(void *obj);                                    /* chain index; 0 for null or invalid */
+MEMM_API uint32_t memm_getindex(void *obj);                                    /* chain index; 0 for null or a header naming no pool */
 MEMM_API void    *memm_getobject_byindex(uint32_t poolid, int32_t index);      /* in-use object at that chain index, or null */
 MEMM_API void    *memm_search(uint32_t poolid, void *ctx, memm_match_fn match); /* first matching in-use object of the chain walk, or null */
 MEMM_API void    *memm_getfirst(uint32_t poolid);                              /* first in-use object of the walk, or null */
