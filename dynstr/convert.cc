@@ -72,6 +72,10 @@ uint32_t set_ipv4addr(dynstr *d, uint32_t addr, const char *reason) {
 bool refused_unlocked(const dynstr *d, const void *out, bool takes_empty) {
     if (!d || !out)
         return true;
+    // A released slot is no record, and memory checkers may have made its
+    // object area inaccessible: its free marker alone refuses it.
+    if (memm_detail::hdr_state(reinterpret_cast<const uint8_t *>(d) - memm_detail::kHdrSize) == MEMM_STATE_FREE)
+        return true;
     char *str;
     memcpy(&str, reinterpret_cast<const char *>(d) + offsetof(dynstr, str), sizeof str);
     return !takes_empty && !str;

@@ -231,11 +231,12 @@ MEMM_API uint32_t llist_reverse(llist_node **plist);                            
  * a list of its own, which the caller then owns. No node is allocated or
  * released and no reference changes.
  *   index 0, or index == -length: the whole list moves to the result and
- *     *plist becomes null;
+ *     *plist becomes null, whatever its first node is;
  *   -k (k < length): the last k nodes are cut off;
  *   index == length: null, the list is whole;
- *   beyond the end, still negative after adding the length, or a first node
- *     that is not a valid pool object: null, the list unchanged.
+ *   otherwise an index beyond the end or still negative after adding the
+ *     length, or a first node that is not a valid pool object: null, the
+ *     list unchanged.
  * Choice: a null plist returns null. */
 MEMM_API llist_node *llist_split_at(llist_node **plist, int32_t index);                   /* first node of the cut-off tail, or null */
 /* Appends to *pdst a copy by reference of `src` up to its length (the first

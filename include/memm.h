@@ -186,6 +186,10 @@ MEMM_API void    *memm_calloc_nolock(uint32_t poolid);       /* zero-filled obje
 MEMM_API void    *memm_calloc_nolock_nogc(uint32_t poolid);  /* zero-filled object or null; never collects, never extends, may use the reserve */
 MEMM_API uint32_t memm_free(void *obj);                      /* result code (0 for null; MEMM_ERR_HOOK_FAILED); matches memm_release_fn */
 MEMM_API uint32_t memm_free_nolock(void *obj);               /* result code (0 for null; MEMM_ERR_HOOK_FAILED) */
+/* memm_refalloc(_nolock) and memm_get_refcount count an object invalid when
+ * its header's pool id names no pool (a released slot, for instance); they do
+ * not check that the header lies in that pool, so they are no test of an
+ * arbitrary pointer either. */
 MEMM_API void    *memm_refalloc(void *obj);                  /* obj with one more holder, or null */
 MEMM_API void    *memm_refalloc_nolock(void *obj);           /* obj with one more holder, or null */
 MEMM_API uint32_t memm_get_refcount(void *obj);              /* number of holders; 0 for null or invalid */
@@ -198,7 +202,12 @@ MEMM_API void     memm_depletion_no_reboot(uint32_t poolid); /* nothing; root po
  * for any pointer, also one into memory that is not readable. The first two
  * find the pool whose storage holds the header (a search of the pools'
  * storage ranges, O(log pools)) and read the header only then. The other
- * functions taking an object read its header without such a check. */
+ * functions taking an object read its header without such a check.
+ * memm_instanceof and memm_instanceof_no_ori compare the id they find with
+ * poolid as it is: a null object, and for memm_instanceof an object whose
+ * header names no pool (a released slot), has the id 0xFFFFFFFF, and
+ * memm_instanceof_no_ori takes a released slot's id as 0x7FFF (state & 0x7FFF
+ * of the free marker). Those ids therefore answer 1 for such objects. */
 MEMM_API int      memm_isvalidobj(void *obj);                                  /* 1 if the header check passes, else 0 */
 MEMM_API int      memm_isvalidobj_nolock(void *obj);                           /* 1 if the header check passes, else 0 */
 MEMM_API int      memm_isvalidobjfrompool(uint32_t poolid, void *obj);         /* 1 if obj is an exact slot of that pool, else 0 */
@@ -217,7 +226,7 @@ MEMM_API uint32_t memm_get_number_of_pools(void);                              /
 MEMM_API uint32_t *memm_get_currentcount_ptr(uint32_t poolid, uint32_t *base_count,
                                              uint32_t *reserve_flag);           /* address of the pool's cur_count, or null */
 MEMM_API memm_pooldesc *memm_get_pool_nolock(uint32_t poolid);                 /* the pool's descriptor, or null */
-MEMM_API uint32_t memm_getindex(void *obj);                                    /* chain index; 0 for null or invalid */
+MEMM_API uint32_t memm_getindex(void *obj);                                    /* chain index; 0 for null or a header naming no pool */
 MEMM_API void    *memm_getobject_byindex(uint32_t poolid, int32_t index);      /* in-use object at that chain index, or null */
 MEMM_API void    *memm_search(uint32_t poolid, void *ctx, memm_match_fn match); /* first matching in-use object of the chain walk, or null */
 MEMM_API void    *memm_getfirst(uint32_t poolid);                              /* first in-use object of the walk, or null */

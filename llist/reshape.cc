@@ -32,7 +32,14 @@ llist_node *llist_split_at(llist_node **plist, int32_t index) {
     if (!plist)
         return nullptr;
     llist_node *first = *plist;
-    if (index == 0 || int64_t(index) + loc_llist_getlength(first) == 0) {
+    if (index == 0) {
+        *plist = nullptr;
+        return first;
+    }
+    // The length walk trusts every node: count it only for a valid first node.
+    if (first && !memm_detail::loc_isvalidobj(first))
+        return nullptr;
+    if (int64_t(index) + loc_llist_getlength(first) == 0) {
         *plist = nullptr;
         return first;
     }
