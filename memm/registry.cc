@@ -61,6 +61,11 @@ bool name_in_use(const char *name) {
 // descriptor slot back), so forgetting the table is enough: the next
 // memm_init rebuilds pool 0 and the storage index in the range kept.
 void unstart() {
+    // The free descriptor slots are marked inaccessible for memory checkers;
+    // the next start zero-fills them as fresh memory.
+    const memm_pooldesc *p0 = loc_pool(MEMM_POOLDESC_POOL);
+    for (uint8_t *slot = p0->storage; slot <= p0->last_slot; slot += p0->slotsize)
+        loc_unpoison_slot(p0, slot);
     g_registry.capacity.store(0, std::memory_order_release);
     g_registry.table.store(nullptr, std::memory_order_relaxed);
 }
