@@ -205,8 +205,8 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
         loc_log("[MEMM] Error: memm_init() needs room for at least 2 pools (asked for %u)", pool_count);
         return MEMM_ERR_INVALID_ARG;
     }
-    // The mutex is recursive from its first use on, so a call that comes
-    // before memm_init cannot meet an uninitialised lock.
+    // The lock needs no creation (it is ready from static initialisation),
+    // so a call that comes before memm_init cannot meet an unready lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)
         return MEMM_ERR_NO_MEMORY;
     if (dynstr_pool_count) {
