@@ -107,10 +107,13 @@ inline uint32_t hdr_state(const uint8_t *slot) {
     return load_shared_word(reinterpret_cast<const uint32_t *>(slot));
 }
 inline void hdr_set_state(uint8_t *slot, uint32_t s) { store_shared_word(reinterpret_cast<uint32_t *>(slot), s); }
-// Zero-fills a slot being handed out, all but its state word, which the
-// lock-free readers may be reading; the caller stores the state next.
-inline void hdr_clear_slot_but_state(uint8_t *slot, uint32_t slotsize) {
-    memset(slot + sizeof(uint32_t), 0, slotsize - sizeof(uint32_t));
+// Writes a whole header: the state word (through the atomic helper, as
+// lock-free readers may be reading it), the zero reserved word and allocfrom.
+inline void hdr_write(uint8_t *slot, uint32_t state, void *allocfrom) {
+    const uint32_t reserved = 0;
+    hdr_set_state(slot, state);
+    memcpy(slot + sizeof(uint32_t), &reserved, sizeof reserved);
+    memcpy(slot + kAllocfromOffset, &allocfrom, sizeof allocfrom);
 }
 inline void *hdr_allocfrom(const uint8_t *slot) {
     void *p;
