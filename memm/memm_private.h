@@ -29,6 +29,13 @@
 
 #include <atomic>
 
+#if defined(__has_include)
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define MEMM_HAVE_SINGLE_THREADED 1
+#endif
+#endif
+
 #include "memm.h"
 
 #define MEMM_INTERNAL __attribute__((visibility("hidden")))
@@ -214,6 +221,19 @@ MEMM_INTERNAL memm_pooldesc *loc_storage_pool(uintptr_t addr);
 MEMM_INTERNAL extern __thread char loc_thread_token __attribute__((tls_model("initial-exec")));
 inline const void *loc_self() { return &loc_thread_token; }
 
+// True while the process certainly has one thread only: the C library
+// clears its flag before a second thread starts (and sets it in the child of
+// a fork). No other thread can then compete for the lock, and a thread made
+// later sees the lock's plain stores through its own creation, so the lock
+// word is set and cleared without an atomic read-modify-write.
+inline bool loc_single_threaded() {
+#ifdef MEMM_HAVE_SINGLE_THREADED
+    return __libc_single_threaded;
+#else
+    return false;
+#endif
+}
+
 // Slow halves of the lock (lock.cc): sleeping until the word is free,
 // waking a sleeper, and the log line of a refused lock.
 MEMM_INTERNAL void loc_lock_wait();
@@ -221,7 +241,8 @@ MEMM_INTERNAL void loc_lock_wake();
 MEMM_INTERNAL void loc_lock_refused(int err, const char *reason);
 
 // Takes the lock, or nests once more when this thread holds it already. An
-// uncontended lock is one compare-and-swap; a nested one no atomic at all.
+// uncontended lock is one compare-and-swap (a plain store while the process
+// has one thread); a nested one no atomic at all.
 inline void loc_lock(const char *reason) {
     RecursiveLock &l = g_registry.lock;
     const void *self = loc_self();
@@ -233,7 +254,9 @@ inline void loc_lock(const char *reason) {
         l.depth++;
     } else {
         uint32_t free_word = 0;
-        if (!l.word.compare_exchange_strong(free_word, 1, std::memory_order_acquire, std::memory_order_relaxed))
+        if (loc_single_threaded() && l.word.load(std::memory_order_relaxed) == 0)
+            l.word.store(1, std::memory_order_relaxed);
+        else if (!l.word.compare_exchange_strong(free_word, 1, std::memory_order_acquire, std::memory_order_relaxed))
             loc_lock_wait();
         l.owner.store(self, std::memory_order_relaxed);
         l.depth = 1;
@@ -251,7 +274,9 @@ inline int loc_unlock() {
     if (--l.depth)
         return 0;
     l.owner.store(nullptr, std::memory_order_relaxed);
-    if (l.word.exchange(0, std::memory_order_release) == 2)
+    if (loc_single_threaded()) // and so nobody sleeps on the word
+        l.word.store(0, std::memory_order_relaxed);
+    else if (l.word.exchange(0, std::memory_order_release) == 2)
         loc_lock_wake();
     return 0;
 }
