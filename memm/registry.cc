@@ -69,7 +69,9 @@ void unstart() {
 
 void loc_initslots(memm_pooldesc *p, uint32_t first) {
     uint8_t *slot = p->storage + size_t(first) * p->slotsize;
-    memset(slot, 0, size_t(p->alloc_count - first) * p->slotsize);
+    const size_t bytes = size_t(p->alloc_count - first) * p->slotsize;
+    loc_unpoison_range(slot, bytes);
+    memset(slot, 0, bytes);
     for (; slot < p->last_slot; slot += p->slotsize) {
         hdr_set_state(slot, MEMM_STATE_FREE);
         set_free_link(p, slot, slot + p->slotsize);
