@@ -179,10 +179,13 @@ std::vector<const memm_pooldesc *> chain_of(uint32_t root) {
 
 // Where an object lies: (pool's place in its chain, slot index), or (-1, -1).
 std::pair<int, int64_t> position(uint32_t root, const void *obj) {
+    if (!obj)
+        return {-1, -1};
     const auto chain = chain_of(root);
     for (size_t k = 0; k < chain.size(); k++) {
-        const int64_t at = static_cast<const uint8_t *>(obj) - MEMM_OBJHDR_SIZE - chain[k]->storage;
-        if (obj && at >= 0 && at < int64_t(chain[k]->alloc_count) * chain[k]->slotsize)
+        const int64_t at = int64_t(reinterpret_cast<uintptr_t>(obj) - MEMM_OBJHDR_SIZE -
+                                   reinterpret_cast<uintptr_t>(chain[k]->storage));
+        if (at >= 0 && at < int64_t(chain[k]->alloc_count) * chain[k]->slotsize)
             return {int(k), at / chain[k]->slotsize};
     }
     return {-1, -1};
