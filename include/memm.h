@@ -148,8 +148,19 @@ typedef struct memm_pooldesc {
  *    process. Enlarging restarts pool 0's allocation and release counters;
  *    its counts of descriptors in use, its reference figures (pool 0's
  *    ref_max is the peak over all pools) and its flags are kept.
- *  - The lock is a recursive mutex initialised statically, so a call made by
- *    mistake before memm_init meets a working lock (and fails cleanly).
+ *  - The lock is recursive and ready from static initialisation, so a call
+ *    made by mistake before memm_init meets a working lock (and fails
+ *    cleanly). memm_unlock returns 0, or EPERM, changing nothing, when the
+ *    calling thread does not hold the lock. A thread waiting for the lock
+ *    sleeps and is woken when the lock is freed; the lock is not fair (a
+ *    running thread may take it first).
+ *  - fork: the child holds the lock exactly when the forking thread held it
+ *    (with the same depth; it unlocks as often as the parent would). A child
+ *    may use the library only if no other thread of the parent held the
+ *    lock at the moment of the fork (for instance: the parent forks while
+ *    holding the lock itself, or has no other thread that uses the
+ *    library); otherwise the lock stays taken for good in the child, which
+ *    must not call the library and should only exec or _exit.
  *
  * Pool creation refuses a null name, count <= 0, objsize <= 0, a duplicate
  * non-empty root name, and storage (count x slot size) above 2^31 - 1 bytes,
@@ -173,7 +184,7 @@ MEMM_API uint32_t memm_initpool2(const char *name, int32_t count, int32_t objsiz
 MEMM_API uint32_t memm_initpool3(const char *name, int32_t count, int32_t objsize,
                                  memm_print_hook_fn print, memm_free2_ex_fn free2_ex); /* pool id or MEMM_INVALID_POOL */
 MEMM_API void     memm_lock(const char *reason);   /* nothing; reason kept by pointer */
-MEMM_API int      memm_unlock(void);               /* the mutex-unlock result (0 = success) */
+MEMM_API int      memm_unlock(void);               /* the mutex-unlock result: 0, or EPERM when not the holder */
 
 /* ================= Allocation, release, references ================= */
 /* memm_free and memm_free_nolock keep a constant-time release: they read the

@@ -1,7 +1,20 @@
-// The process-wide recursive lock and the diagnostic log.
+// The process-wide recursive lock (its fast halves are inline in
+// memm_private.h) and the diagnostic log.
+//
+// Waiting: a thread that finds the word taken swaps in 2 and sleeps on the
+// futex while the word stays 2. A thread that gets the lock this way leaves
+// the word at 2, as others may still be asleep, so the unlock after it wakes
+// the next one. Every unlock that frees a word of 2 wakes one sleeper, so a
+// free lock never sits idle while a thread sleeps on it, and no wait relies
+// on a timeout. There is no spinning and no hand-off: a running thread may
+// take the lock before the woken one, which then sleeps again (the word is 2
+// once more, so it is woken again by the next unlock).
+#include <linux/futex.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <sys/syscall.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include "memm_private.h"
 
@@ -9,43 +22,32 @@ namespace memm_detail {
 
 Registry g_registry;
 
+__thread char loc_thread_token;
+
 namespace {
 
-#ifndef PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
-// C libraries without a static recursive initialiser: set the type once.
-void make_mutex_recursive() {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&g_registry.mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
-}
-#endif
-
-// The lock is usable from the first call on, even one made by mistake
-// before memm_init.
-pthread_mutex_t *loc_mutex() {
-#ifndef PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
-    static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, make_mutex_recursive);
-#endif
-    return &g_registry.mutex;
+long futex(std::atomic<uint32_t> *word, int op, uint32_t value) {
+    return syscall(SYS_futex, reinterpret_cast<uint32_t *>(word), op, value, nullptr, nullptr, 0);
 }
 
 } // namespace
 
-void loc_lock(const char *reason) {
-    int err = pthread_mutex_lock(loc_mutex());
-    if (err == 0) {
-        g_registry.prev_reason = reason;
-        return;
-    }
-    // The caller goes on without the lock and unlocks all the same.
+void loc_lock_wait() {
+    std::atomic<uint32_t> &word = g_registry.lock.word;
+    // An early return of the wait (a spurious wake-up, a signal, or a word
+    // that changed before the sleep began) just goes round again.
+    while (word.exchange(2, std::memory_order_acquire) != 0)
+        futex(&word, FUTEX_WAIT_PRIVATE, 2);
+}
+
+void loc_lock_wake() { futex(&g_registry.lock.word, FUTEX_WAKE_PRIVATE, 1); }
+
+void loc_lock_refused(int err, const char *reason) {
+    // The caller goes on without a further level of the lock and unlocks
+    // all the same.
     loc_log("Could not lock %d (reason = %s, previous reason = %s\r\n", err, reason ? reason : "(null)",
             g_registry.prev_reason);
 }
-
-int loc_unlock() { return pthread_mutex_unlock(loc_mutex()); }
 
 void loc_log(const char *fmt, ...) {
     char line[512];

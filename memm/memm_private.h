@@ -22,12 +22,19 @@
 #ifndef MEMM_PRIVATE_H
 #define MEMM_PRIVATE_H
 
-#include <pthread.h>
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
 #include <atomic>
+
+#if defined(__has_include)
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define MEMM_HAVE_SINGLE_THREADED 1
+#endif
+#endif
 
 #include "memm.h"
 
@@ -57,6 +64,22 @@ struct StorageRange {
     uint32_t id;     // the pool
 };
 
+// The process-wide recursive lock (lock.cc). `word` is a futex word with
+// three states: 0 free, 1 held, 2 held while threads may sleep on it. A
+// thread that must wait sets 2 before it sleeps, so the unlock that frees
+// the word sees 2 and wakes one sleeper: no wake-up is ever missed and none
+// waits on a timeout. `owner` is the holder's thread token (null when free),
+// read by other threads only to learn that they are not the holder, hence
+// relaxed; `depth` counts the holder's nested locks and is touched by the
+// holder alone, so nesting costs no atomic operation.
+struct RecursiveLock {
+    std::atomic<uint32_t> word{0};
+    std::atomic<const void *> owner{nullptr};
+    uint32_t depth = 0;
+};
+static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t) && std::atomic<uint32_t>::is_always_lock_free,
+              "the lock word is a plain 32-bit futex word");
+
 // Process-wide state of the family. `table` and `capacity` are written only
 // under the lock (and by memm_init before any other call); the lock-free
 // readers accept a momentary value, hence the relaxed atomics.
@@ -64,11 +87,7 @@ struct Registry {
     std::atomic<uint8_t *> table{nullptr}; // pool 0's storage; null = not started
     std::atomic<uint32_t> capacity{0};     // pool 0's alloc_count
     size_t reserved_bytes = 0;              // address range kept for the table
-#ifdef PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP
-    pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-#else
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; // made recursive on first use
-#endif
+    RecursiveLock lock;                     // statically ready: usable before memm_init
     const char *prev_reason = "";           // reason of the last successful lock
     // Ordered index of pool storage, written under the lock (and by
     // memm_init): range_count entries sorted by start, room committed for
@@ -95,10 +114,13 @@ inline uint32_t hdr_state(const uint8_t *slot) {
     return load_shared_word(reinterpret_cast<const uint32_t *>(slot));
 }
 inline void hdr_set_state(uint8_t *slot, uint32_t s) { store_shared_word(reinterpret_cast<uint32_t *>(slot), s); }
-// Zero-fills a slot being handed out, all but its state word, which the
-// lock-free readers may be reading; the caller stores the state next.
-inline void hdr_clear_slot_but_state(uint8_t *slot, uint32_t slotsize) {
-    memset(slot + sizeof(uint32_t), 0, slotsize - sizeof(uint32_t));
+// Writes a whole header: the state word (through the atomic helper, as
+// lock-free readers may be reading it), the zero reserved word and allocfrom.
+inline void hdr_write(uint8_t *slot, uint32_t state, void *allocfrom) {
+    const uint32_t reserved = 0;
+    hdr_set_state(slot, state);
+    memcpy(slot + sizeof(uint32_t), &reserved, sizeof reserved);
+    memcpy(slot + kAllocfromOffset, &allocfrom, sizeof allocfrom);
 }
 inline void *hdr_allocfrom(const uint8_t *slot) {
     void *p;
@@ -194,8 +216,70 @@ MEMM_INTERNAL bool loc_storage_index_add(const uint8_t *storage, uint32_t id);
 MEMM_INTERNAL memm_pooldesc *loc_storage_pool(uintptr_t addr);
 
 // ---- lock -----------------------------------------------------------------
-MEMM_INTERNAL void loc_lock(const char *reason);
-MEMM_INTERNAL int loc_unlock();
+// A thread's token is the address of its own copy of this variable: unique
+// among live threads, and one load away (initial-exec TLS, no call).
+MEMM_INTERNAL extern __thread char loc_thread_token __attribute__((tls_model("initial-exec")));
+inline const void *loc_self() { return &loc_thread_token; }
+
+// True while the process certainly has one thread only: the C library
+// clears its flag before a second thread starts (and sets it in the child of
+// a fork). No other thread can then compete for the lock, and a thread made
+// later sees the lock's plain stores through its own creation, so the lock
+// word is set and cleared without an atomic read-modify-write.
+inline bool loc_single_threaded() {
+#ifdef MEMM_HAVE_SINGLE_THREADED
+    return __libc_single_threaded;
+#else
+    return false;
+#endif
+}
+
+// Slow halves of the lock (lock.cc): sleeping until the word is free,
+// waking a sleeper, and the log line of a refused lock.
+MEMM_INTERNAL void loc_lock_wait();
+MEMM_INTERNAL void loc_lock_wake();
+MEMM_INTERNAL void loc_lock_refused(int err, const char *reason);
+
+// Takes the lock, or nests once more when this thread holds it already. An
+// uncontended lock is one compare-and-swap (a plain store while the process
+// has one thread); a nested one no atomic at all.
+inline void loc_lock(const char *reason) {
+    RecursiveLock &l = g_registry.lock;
+    const void *self = loc_self();
+    if (l.owner.load(std::memory_order_relaxed) == self) {
+        if (__builtin_expect(l.depth == UINT32_MAX, 0)) {
+            loc_lock_refused(EAGAIN, reason); // as a recursive mutex whose count is full
+            return;
+        }
+        l.depth++;
+    } else {
+        uint32_t free_word = 0;
+        if (loc_single_threaded() && l.word.load(std::memory_order_relaxed) == 0)
+            l.word.store(1, std::memory_order_relaxed);
+        else if (!l.word.compare_exchange_strong(free_word, 1, std::memory_order_acquire, std::memory_order_relaxed))
+            loc_lock_wait();
+        l.owner.store(self, std::memory_order_relaxed);
+        l.depth = 1;
+    }
+    g_registry.prev_reason = reason;
+}
+
+// Drops one level; the last one frees the word (one exchange) and wakes a
+// sleeper if one may be waiting. EPERM, changing nothing, when this thread
+// does not hold the lock.
+inline int loc_unlock() {
+    RecursiveLock &l = g_registry.lock;
+    if (l.owner.load(std::memory_order_relaxed) != loc_self())
+        return EPERM;
+    if (--l.depth)
+        return 0;
+    l.owner.store(nullptr, std::memory_order_relaxed);
+    if (loc_single_threaded()) // and so nobody sleeps on the word
+        l.word.store(0, std::memory_order_relaxed);
+    else if (l.word.exchange(0, std::memory_order_release) == 2)
+        loc_lock_wake();
+    return 0;
+}
 
 // Holds the global lock for one public entry point.
 class PoolLock {

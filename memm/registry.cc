@@ -61,11 +61,6 @@ bool name_in_use(const char *name) {
 // descriptor slot back), so forgetting the table is enough: the next
 // memm_init rebuilds pool 0 and the storage index in the range kept.
 void unstart() {
-    // The free descriptor slots are marked inaccessible for memory checkers;
-    // the next start zero-fills them as fresh memory.
-    const memm_pooldesc *p0 = loc_pool(MEMM_POOLDESC_POOL);
-    for (uint8_t *slot = p0->storage; slot <= p0->last_slot; slot += p0->slotsize)
-        loc_unpoison_slot(p0, slot);
     g_registry.capacity.store(0, std::memory_order_release);
     g_registry.table.store(nullptr, std::memory_order_relaxed);
 }
@@ -74,7 +69,9 @@ void unstart() {
 
 void loc_initslots(memm_pooldesc *p, uint32_t first) {
     uint8_t *slot = p->storage + size_t(first) * p->slotsize;
-    memset(slot, 0, size_t(p->alloc_count - first) * p->slotsize);
+    const size_t bytes = size_t(p->alloc_count - first) * p->slotsize;
+    loc_unpoison_range(slot, bytes);
+    memset(slot, 0, bytes);
     for (; slot < p->last_slot; slot += p->slotsize) {
         hdr_set_state(slot, MEMM_STATE_FREE);
         set_free_link(p, slot, slot + p->slotsize);
@@ -210,8 +207,8 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
         loc_log("[MEMM] Error: memm_init() needs room for at least 2 pools (asked for %u)", pool_count);
         return MEMM_ERR_INVALID_ARG;
     }
-    // The mutex is recursive from its first use on, so a call that comes
-    // before memm_init cannot meet an uninitialised lock.
+    // The lock needs no creation (it is ready from static initialisation),
+    // so a call that comes before memm_init cannot meet an unready lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)
         return MEMM_ERR_NO_MEMORY;
     if (dynstr_pool_count) {

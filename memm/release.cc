@@ -81,6 +81,19 @@ using namespace memm_detail;
 
 namespace {
 
+// The pool of a release that memm__free would finish by freeing the slot at
+// once, or null when the general path must decide: the header check passes,
+// the object is no descriptor, has a single holder and its pool no hook.
+inline memm_pooldesc *plain_release_pool(const uint8_t *slot) {
+    const uint32_t state = hdr_state(slot);
+    if (state >= kRefUnit || state_poolid(state) == MEMM_POOLDESC_POOL) // a free slot's state is above too
+        return nullptr;
+    memm_pooldesc *p = loc_pool(state_poolid(state));
+    if (!p || !loc_in_storage(p, slot) || p->options.free_ex || p->options.free2_ex)
+        return nullptr;
+    return p;
+}
+
 void *refalloc_nolock(void *obj) {
     if (!obj)
         return nullptr;
@@ -115,7 +128,12 @@ uint32_t memm_free(void *obj) {
         return MEMM_OK;
     void *caller = __builtin_return_address(0);
     PoolLock lock("memm_free");
-    return memm__free(obj_to_slot(obj), caller, true);
+    uint8_t *slot = obj_to_slot(obj);
+    if (memm_pooldesc *p = plain_release_pool(slot)) {
+        loc_release_slot(p, slot);
+        return MEMM_OK;
+    }
+    return memm__free(slot, caller, true);
 }
 
 uint32_t memm_free_nolock(void *obj) {
