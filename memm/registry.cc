@@ -70,6 +70,8 @@ void unstart() {
 void loc_initslots(memm_pooldesc *p, uint32_t first) {
     uint8_t *slot = p->storage + size_t(first) * p->slotsize;
     const size_t bytes = size_t(p->alloc_count - first) * p->slotsize;
+    // Slots kept from a failed start were marked free for memory checkers;
+    // they are fresh memory again.
     loc_unpoison_range(slot, bytes);
     memset(slot, 0, bytes);
     for (; slot < p->last_slot; slot += p->slotsize) {
