@@ -36,9 +36,9 @@ using memm_detail::loc_log;
 void check_order(const dynstr *cur, const dynstr *next, uint32_t g) {
     if (next && next->str < cur->str)
         loc_log("[DYNSTR] loc_dynstr_gc dynstr->str sort error.");
-    if (loc_getbuffernr(cur) != g)
+    if (buffer_of(cur) != g)
         loc_log("[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.");
-    if (next && loc_getbuffernr(next) != g)
+    if (next && buffer_of(next) != g)
         loc_log("[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.");
     if (cur->str && strlen(cur->str) + 1 != size_of(cur))
         loc_log("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.");
@@ -69,6 +69,7 @@ struct Compaction {
 // relinks the survivors and slides each run of live texts down.
 Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
     Compaction w;
+    memm_pooldesc *records = records_of(pool);
     dynstr *kept = first_deleted ? first_deleted->prev : nullptr; // last surviving record
     for (dynstr *cur = first_deleted; cur;) {
         dynstr *next = cur->next; // read before cur's slot is released
@@ -84,7 +85,14 @@ Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
                 w.in_deleted_run = true;
             }
             w.shift += size;
-            memm_free_nolock(cur);
+            // What the release hook does while the collector runs, without it.
+            if (releases_at_once(records, cur)) {
+                if (is_buffered(cur))
+                    pool->buf_count[DYNSTR_BNR(cur->flags)]--;
+                memm_detail::loc_release_slot(records, memm_detail::obj_to_slot(cur));
+            } else {
+                memm_free_nolock(cur);
+            }
         } else if (w.in_deleted_run) {
             cur->prev = kept;
             if (kept)

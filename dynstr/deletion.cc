@@ -108,12 +108,12 @@ void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *n
         next->prev = prev;
     else
         pool->buf_last[k] = prev;
-    d->str = nullptr; // its release hook then sees no buffer bytes
+    d->str = nullptr; // no buffer bytes left: the release hook has nothing to do
     pool->buf_count[k]--;
     pool->delcount--;
     pool->recup_ctx++;
     pool->buf_delcount[k]--;
-    memm_free_nolock(d);
+    release_unbuffered(records_of(pool), d);
 }
 
 } // namespace dynstr_detail

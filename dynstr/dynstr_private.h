@@ -42,9 +42,33 @@ inline bool is_deleted(const dynstr *d) { return d->flags & DYNSTR_FLAG_DELETED;
 // The text lies in a string buffer (and the record in an allocation list).
 inline bool is_buffered(const dynstr *d) { return d->str && !(d->flags & DYNSTR_FLAG_LITERAL); }
 inline void set_bnr(dynstr *d, uint32_t bnr) { d->flags = (d->flags & ~kBnrBits) | (bnr << DYNSTR_BNR_SHIFT); }
+// The buffer holding the text, kNoBuffer for an empty, literal or staged one
+// (loc_getbuffernr without its null check, for the hot loops).
+inline uint32_t buffer_of(const dynstr *d) { return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer; }
 inline void *record_allocfrom(dynstr *d) { return memm_detail::hdr_allocfrom(memm_detail::obj_to_slot(d)); }
 inline void set_record_allocfrom(void *d, void *caller) {
     memm_detail::hdr_set_allocfrom(memm_detail::obj_to_slot(d), caller);
+}
+
+// The record pool of a string pool.
+inline memm_pooldesc *records_of(const dynstr_pooldesc *pool) { return memm_detail::loc_pool(pool->poolid); }
+// Releasing d with memm_free_nolock would run the release hook and then
+// free the slot: the header names the record pool and no extra holder is
+// left. When the hook is known to let such a record go, the slot can be
+// given back directly (loc_release_slot: the same counters, free-list push
+// and poisoning) without the hook's pool lookups; any other record takes
+// memm_free_nolock, so nothing differs either way.
+inline bool releases_at_once(const memm_pooldesc *records, dynstr *d) {
+    const uint8_t *slot = memm_detail::obj_to_slot(d);
+    return memm_detail::hdr_state(slot) < memm_detail::kRefUnit && memm_detail::loc_header_pool(slot) == records;
+}
+// Releases a record that owns no buffer bytes (str null, or a literal or
+// staged text), for which the release hook only answers "go ahead".
+inline void release_unbuffered(memm_pooldesc *records, dynstr *d) {
+    if (releases_at_once(records, d))
+        memm_detail::loc_release_slot(records, memm_detail::obj_to_slot(d));
+    else
+        memm_free_nolock(d);
 }
 
 // Bounded copy: at most size - 1 characters, always terminated when size is

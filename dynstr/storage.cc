@@ -199,7 +199,12 @@ uint32_t loc_dynstr_end_write(const Write &w, dynstr *d, uint32_t result) {
     const uint32_t settled = loc_dynstr_updatepool(w.pool, d);
     if (w.maxsize)
         (void)loc_setmaxsize(d, w.maxsize);
-    memm_free_nolock(w.old);
+    // An old text in a buffer becomes a placeholder through the release
+    // hook; any other old record is simply given back.
+    if (is_buffered(w.old))
+        memm_free_nolock(w.old);
+    else
+        release_unbuffered(records_of(w.pool), w.old);
     return result != MEMM_OK ? result : settled;
 }
 
