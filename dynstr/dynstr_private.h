@@ -77,6 +77,8 @@ MEMM_INTERNAL size_t strlcpy(char *dst, const char *src, size_t size);
 
 // ---- records and pools (pools.cc) ------------------------------------------
 MEMM_INTERNAL dynstr_pooldesc *loc_getdynstrpool(const void *rec);
+// The string pool that `pool` names, or null (loc_isdynstrpool's answer).
+MEMM_INTERNAL dynstr_pooldesc *loc_stringpool(uint32_t pool);
 MEMM_INTERNAL int loc_isdynstrpool(uint32_t pool);
 MEMM_INTERNAL int loc_isdynstring(const void *rec);
 MEMM_INTERNAL uint32_t loc_getbuffernr(const dynstr *d);
@@ -89,6 +91,9 @@ MEMM_INTERNAL int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d);
 MEMM_INTERNAL int loc_dynmem_alloc(dynstr_pooldesc *pool, dynstr *d, int32_t size);
 MEMM_INTERNAL uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynstr **tmp);
 MEMM_INTERNAL uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d);
+// Claims `size` bytes at buffer c's free position, where d's text lies, and
+// appends d to the buffer's list: the placement step of loc_dynstr_updatepool.
+MEMM_INTERNAL void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size);
 
 // A write in progress: the record's pool, its maximum size and the
 // temporary record holding its old text (steps 1-2 and 5-7 of the write
@@ -128,6 +133,11 @@ MEMM_INTERNAL void loc_dynstr_print_stats(void *cookie, uint32_t *live_total, ui
 // The substring writer (writers.cc): a piece of `src`, or of `src_rec` when
 // `src` is null, replaces the text.
 MEMM_INTERNAL uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length);
+// A new record of `pool` holding a piece of a C string, made in one pass when
+// nothing on the way can collect (writers.cc); null when that does not hold,
+// and then nothing has changed: the caller takes the plain way.
+MEMM_INTERNAL dynstr *loc_fromsubstring_direct(dynstr_pooldesc *pool, const char *src, int32_t offset,
+                                               int32_t length, void *caller);
 // The append primitive (append.cc): at most n characters of src go behind the
 // text, in place when the text ends at the current buffer's free position.
 MEMM_INTERNAL uint32_t loc_addstring_size(dynstr *d, const char *src, uint32_t n);

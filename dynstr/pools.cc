@@ -75,10 +75,12 @@ dynstr_pooldesc *loc_getdynstrpool(const void *rec) {
     return p ? as_pooldesc(p->options.cookie) : nullptr;
 }
 
-int loc_isdynstrpool(uint32_t poolid) {
+dynstr_pooldesc *loc_stringpool(uint32_t poolid) {
     memm_pooldesc *p = memm_detail::loc_pool(poolid);
-    return p && as_pooldesc(p->options.cookie);
+    return p ? as_pooldesc(p->options.cookie) : nullptr;
 }
+
+int loc_isdynstrpool(uint32_t poolid) { return loc_stringpool(poolid) != nullptr; }
 
 int loc_isdynstring(const void *rec) {
     return rec && loc_getdynstrpool(rec) && !is_deleted(static_cast<const dynstr *>(rec));

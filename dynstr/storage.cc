@@ -88,6 +88,19 @@ void append_to_list(dynstr_pooldesc *pool, dynstr *d, uint32_t c) {
 
 } // namespace
 
+void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size) {
+    pool->buf_used[c] += size;
+    pool->usedbytes += size;
+    if (pool->usedbytes - pool->delbytes > pool->peaklive)
+        pool->peaklive = pool->usedbytes - pool->delbytes;
+    if (pool->buf_used[c] - pool->buf_delbytes[c] > pool->buf_peaklive[c])
+        pool->buf_peaklive[c] = pool->buf_used[c] - pool->buf_delbytes[c];
+    // A text extended in place is already the list's last record.
+    if (pool->buf_last[c] != d)
+        append_to_list(pool, d, c);
+    set_bnr(d, c);
+}
+
 void loc_setstrsize(dynstr *d, uint32_t size) {
     constexpr uint32_t kKeptInShortForm = kBnrBits | DYNSTR_FLAG_DELETED | DYNSTR_FLAG_LITERAL;
     if (size <= DYNSTR_SHORT_SIZE_MAX) {
@@ -167,17 +180,7 @@ uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d) {
         return MEMM_OK;
     }
 
-    // The text lies at buffer c's free position: claim it.
-    pool->buf_used[c] += size;
-    pool->usedbytes += size;
-    if (pool->usedbytes - pool->delbytes > pool->peaklive)
-        pool->peaklive = pool->usedbytes - pool->delbytes;
-    if (pool->buf_used[c] - pool->buf_delbytes[c] > pool->buf_peaklive[c])
-        pool->buf_peaklive[c] = pool->buf_used[c] - pool->buf_delbytes[c];
-    // A text extended in place is already the list's last record.
-    if (pool->buf_last[c] != d)
-        append_to_list(pool, d, c);
-    set_bnr(d, c);
+    loc_dynstr_claim(pool, d, c, size);
 
     if (pool->buf_count[c] > pool->ctx_limit)
         loc_dynstr_gc(pool, DYNSTR_GC_CTX_BALANCE);
