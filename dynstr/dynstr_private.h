@@ -50,6 +50,42 @@ inline void set_record_allocfrom(void *d, void *caller) {
     memm_detail::hdr_set_allocfrom(memm_detail::obj_to_slot(d), caller);
 }
 
+// The size field, the maximum size and the buffer number, inline for the
+// hot paths of writing, releasing and collecting.
+inline void loc_setstrsize(dynstr *d, uint32_t size) {
+    constexpr uint32_t kKeptInShortForm = kBnrBits | DYNSTR_FLAG_DELETED | DYNSTR_FLAG_LITERAL;
+    if (size <= DYNSTR_SHORT_SIZE_MAX) {
+        if (size == 0)
+            d->str = nullptr;
+        if (d->flags & DYNSTR_FLAG_LONG)
+            d->flags = (d->flags & kKeptInShortForm) | size; // back to short form, no maximum
+        else
+            d->flags = (d->flags & ~kSizeMaskShort) | size;
+    } else if (size <= DYNSTR_LONG_SIZE_MAX) {
+        d->flags = (d->flags & ~kSizeMaskLong) | DYNSTR_FLAG_LONG | size;
+    } else {
+        memm_detail::loc_log("[DYNSTR] loc_setstrsize with invalid size");
+    }
+}
+
+inline uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize) {
+    if (d->flags & DYNSTR_FLAG_LONG)
+        return MEMM_OK;
+    d->flags &= ~kMaxsizeBits;
+    if (maxsize > DYNSTR_MAXSIZE_LIMIT)
+        return MEMM_ERR_INVALID_ARG;
+    d->flags |= maxsize << DYNSTR_MAXSIZE_SHIFT;
+    return MEMM_OK;
+}
+
+inline uint32_t loc_getbuffernr(const dynstr *d) {
+    if (!d) {
+        memm_detail::loc_log("[DYNSTR] \"Failed to get buffer nr\"");
+        return kNoBuffer;
+    }
+    return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer;
+}
+
 // The record pool of a string pool.
 inline memm_pooldesc *records_of(const dynstr_pooldesc *pool) { return memm_detail::loc_pool(pool->poolid); }
 // Releasing d with memm_free_nolock would run the release hook and then
@@ -81,12 +117,9 @@ MEMM_INTERNAL dynstr_pooldesc *loc_getdynstrpool(const void *rec);
 MEMM_INTERNAL dynstr_pooldesc *loc_stringpool(uint32_t pool);
 MEMM_INTERNAL int loc_isdynstrpool(uint32_t pool);
 MEMM_INTERNAL int loc_isdynstring(const void *rec);
-MEMM_INTERNAL uint32_t loc_getbuffernr(const dynstr *d);
-MEMM_INTERNAL uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize);
 MEMM_INTERNAL int loc_dynstr_listfilter(void *rec, uint32_t options);
 
 // ---- placement (storage.cc) ----------------------------------------------------
-MEMM_INTERNAL void loc_setstrsize(dynstr *d, uint32_t size);
 MEMM_INTERNAL int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d);
 MEMM_INTERNAL int loc_dynmem_alloc(dynstr_pooldesc *pool, dynstr *d, int32_t size);
 MEMM_INTERNAL uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynstr **tmp);

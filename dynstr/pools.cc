@@ -34,6 +34,19 @@ dynstr_pooldesc *as_pooldesc(void *cookie) {
     return static_cast<dynstr_pooldesc *>(cookie);
 }
 
+// The string pool whose records pool p holds, or null. A pool with the
+// string records' release hook carries its descriptor as cookie: only
+// dynstr_initpool2 installs the hook (a half-made pool loses it again before
+// its descriptor goes), so while the descriptor pool is known (a failed
+// second dynstr_init forgets it), a pool that has the hook, even one made
+// with a copy of a record pool's options, has a descriptor cookie; that
+// answer needs no reading of the descriptor pool.
+dynstr_pooldesc *string_pool_of(const memm_pooldesc *p) {
+    if (p->options.free_ex == loc_dynstr_free_ex && p->options.cookie && g_family.class_id != MEMM_INVALID_POOL)
+        return static_cast<dynstr_pooldesc *>(p->options.cookie);
+    return as_pooldesc(p->options.cookie);
+}
+
 // The allocating entries fill in the new record (maximum size, allocation
 // site) under the same hold as the allocation: a listing in another thread
 // reads those words under the lock, and allocfrom, 8 bytes that may be only
@@ -72,12 +85,12 @@ dynstr_pooldesc *loc_getdynstrpool(const void *rec) {
     if (!rec)
         return nullptr;
     memm_pooldesc *p = pool_of_object(rec);
-    return p ? as_pooldesc(p->options.cookie) : nullptr;
+    return p ? string_pool_of(p) : nullptr;
 }
 
 dynstr_pooldesc *loc_stringpool(uint32_t poolid) {
     memm_pooldesc *p = memm_detail::loc_pool(poolid);
-    return p ? as_pooldesc(p->options.cookie) : nullptr;
+    return p ? string_pool_of(p) : nullptr;
 }
 
 int loc_isdynstrpool(uint32_t poolid) { return loc_stringpool(poolid) != nullptr; }
@@ -86,23 +99,7 @@ int loc_isdynstring(const void *rec) {
     return rec && loc_getdynstrpool(rec) && !is_deleted(static_cast<const dynstr *>(rec));
 }
 
-uint32_t loc_getbuffernr(const dynstr *d) {
-    if (!d) {
-        loc_log("[DYNSTR] \"Failed to get buffer nr\"");
-        return kNoBuffer;
-    }
-    return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer;
-}
 
-uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize) {
-    if (d->flags & DYNSTR_FLAG_LONG)
-        return MEMM_OK;
-    d->flags &= ~kMaxsizeBits;
-    if (maxsize > DYNSTR_MAXSIZE_LIMIT)
-        return MEMM_ERR_INVALID_ARG;
-    d->flags |= maxsize << DYNSTR_MAXSIZE_SHIFT;
-    return MEMM_OK;
-}
 
 int loc_dynstr_listfilter(void *rec, uint32_t options) {
     const dynstr *d = static_cast<const dynstr *>(rec);

@@ -101,21 +101,6 @@ void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t siz
     set_bnr(d, c);
 }
 
-void loc_setstrsize(dynstr *d, uint32_t size) {
-    constexpr uint32_t kKeptInShortForm = kBnrBits | DYNSTR_FLAG_DELETED | DYNSTR_FLAG_LITERAL;
-    if (size <= DYNSTR_SHORT_SIZE_MAX) {
-        if (size == 0)
-            d->str = nullptr;
-        if (d->flags & DYNSTR_FLAG_LONG)
-            d->flags = (d->flags & kKeptInShortForm) | size; // back to short form, no maximum
-        else
-            d->flags = (d->flags & ~kSizeMaskShort) | size;
-    } else if (size <= DYNSTR_LONG_SIZE_MAX) {
-        d->flags = (d->flags & ~kSizeMaskLong) | DYNSTR_FLAG_LONG | size;
-    } else {
-        loc_log("[DYNSTR] loc_setstrsize with invalid size");
-    }
-}
 
 int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d) {
     const uint32_t c = pool->curbuffer;
