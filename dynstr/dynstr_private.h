@@ -86,6 +86,15 @@ inline uint32_t loc_getbuffernr(const dynstr *d) {
     return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer;
 }
 
+// The collector's scratch space: room for the records of the back half of a
+// buffer's list, allocated behind buffer 0 when the pool is made, so a
+// collection allocates nothing and the pool one block less than it might.
+inline size_t scratch_offset(int32_t buffersize) { return (size_t(buffersize) + 7) & ~size_t(7); }
+inline size_t scratch_entries(uint32_t capacity) { return capacity / 2 + 1; }
+inline dynstr **scratch_of(const dynstr_pooldesc *pool) {
+    return reinterpret_cast<dynstr **>(pool->buf_base[0] + scratch_offset(pool->buffersize));
+}
+
 // The record pool of a string pool.
 inline memm_pooldesc *records_of(const dynstr_pooldesc *pool) { return memm_detail::loc_pool(pool->poolid); }
 // Releasing d with memm_free_nolock would run the release hook and then
