@@ -73,7 +73,7 @@ void cut_off(dynstr_pooldesc *pool, dynstr *d, uint32_t k) {
 // The last text of its buffer with no placeholder in front of it: what
 // mark_deleted and cut_off do together, each counter changed once (the
 // deleted counts and bytes would rise and fall straight back).
-void cut_off_at_once(dynstr_pooldesc *pool, dynstr *d, uint32_t k) {
+void cut_off_at_once(dynstr_pooldesc *pool, memm_pooldesc *records, dynstr *d, uint32_t k) {
     const uint32_t size = size_of(d);
     d->flags |= DYNSTR_FLAG_DELETED;
     (void)loc_setmaxsize(d, 0);
@@ -95,14 +95,15 @@ void cut_off_at_once(dynstr_pooldesc *pool, dynstr *d, uint32_t k) {
     d->str = nullptr;
     pool->buf_count[k]--;
     pool->recup_ctx++;
-    release_unbuffered(records_of(pool), d);
+    release_unbuffered(records, d);
 }
 
 } // namespace
 
 uint32_t loc_dynstr_free_ex(void *rec) {
     auto *d = static_cast<dynstr *>(rec);
-    dynstr_pooldesc *pool = loc_getdynstrpool(d);
+    memm_pooldesc *records = d ? pool_of_object(d) : nullptr;
+    dynstr_pooldesc *pool = records ? string_pool_of(records) : nullptr;
     if (!pool) {
         loc_log("[DYNSTR] \"loc_dynstr_free_ex invalid param\"");
         return MEMM_ERR_INVALID_ARG;
@@ -120,7 +121,7 @@ uint32_t loc_dynstr_free_ex(void *rec) {
         return MEMM_ERR_INVALID_ARG;
     }
     if (pool->buf_last[k] == d && !d->next && !(d->prev && is_deleted(d->prev))) {
-        cut_off_at_once(pool, d, k);
+        cut_off_at_once(pool, records, d, k);
         return MEMM_KEEP_OBJECT;
     }
     mark_deleted(pool, d, k);

@@ -121,9 +121,39 @@ inline void release_unbuffered(memm_pooldesc *records, dynstr *d) {
 MEMM_INTERNAL size_t strlcpy(char *dst, const char *src, size_t size);
 
 // ---- records and pools (pools.cc) ------------------------------------------
-MEMM_INTERNAL dynstr_pooldesc *loc_getdynstrpool(const void *rec);
+// The cookie as a string-pool descriptor when it is an object of
+// "dynstr_pool", else null.
+MEMM_INTERNAL dynstr_pooldesc *loc_as_pooldesc(void *cookie);
+MEMM_INTERNAL uint32_t loc_dynstr_free_ex(void *rec);
+// The string pool whose records pool p holds, or null. A pool with the
+// string records' release hook carries its descriptor as cookie: only
+// dynstr_initpool2 installs the hook (a half-made pool loses it again before
+// its descriptor goes), so while the descriptor pool is known (a failed
+// second dynstr_init forgets it), a pool that has the hook, even one made
+// with a copy of a record pool's options, has a descriptor cookie; that
+// answer needs no reading of the descriptor pool.
+inline dynstr_pooldesc *string_pool_of(const memm_pooldesc *p) {
+    if (p->options.free_ex == loc_dynstr_free_ex && p->options.cookie && g_family.class_id != MEMM_INVALID_POOL)
+        return static_cast<dynstr_pooldesc *>(p->options.cookie);
+    return loc_as_pooldesc(p->options.cookie);
+}
+
+// The pool of a record (of any object: null when its header names no pool).
+inline memm_pooldesc *pool_of_object(const void *obj) {
+    const uint8_t *slot = static_cast<const uint8_t *>(obj) - memm_detail::kHdrSize;
+    return memm_detail::loc_pool(memm_detail::state_poolid(memm_detail::hdr_state(slot)));
+}
+inline dynstr_pooldesc *loc_getdynstrpool(const void *rec) {
+    if (!rec)
+        return nullptr;
+    memm_pooldesc *p = pool_of_object(rec);
+    return p ? string_pool_of(p) : nullptr;
+}
 // The string pool that `pool` names, or null (loc_isdynstrpool's answer).
-MEMM_INTERNAL dynstr_pooldesc *loc_stringpool(uint32_t pool);
+inline dynstr_pooldesc *loc_stringpool(uint32_t poolid) {
+    memm_pooldesc *p = memm_detail::loc_pool(poolid);
+    return p ? string_pool_of(p) : nullptr;
+}
 MEMM_INTERNAL int loc_isdynstrpool(uint32_t pool);
 MEMM_INTERNAL int loc_isdynstring(const void *rec);
 MEMM_INTERNAL int loc_dynstr_listfilter(void *rec, uint32_t options);
@@ -156,7 +186,6 @@ MEMM_INTERNAL uint32_t loc_dynstr_begin_write(dynstr *d, Write *w);
 MEMM_INTERNAL uint32_t loc_dynstr_end_write(const Write &w, dynstr *d, uint32_t result);
 
 // ---- deletion (deletion.cc) ------------------------------------------------------
-MEMM_INTERNAL uint32_t loc_dynstr_free_ex(void *rec);
 MEMM_INTERNAL void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *next, uint32_t k);
 
 // ---- collection (collector.cc) ----------------------------------------------------

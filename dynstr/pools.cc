@@ -15,13 +15,10 @@ using memm_detail::loc_log;
 // The descriptor pool's print2 hook.
 void print_pooldesc(void *obj, memm_print_fn print) { print(" - '%s'", static_cast<dynstr_pooldesc *>(obj)->name); }
 
-memm_pooldesc *pool_of_object(const void *obj) {
-    const uint8_t *slot = static_cast<const uint8_t *>(obj) - memm_detail::kHdrSize;
-    return memm_detail::loc_pool(memm_detail::state_poolid(memm_detail::hdr_state(slot)));
-}
+} // namespace
 
 // A cookie is a string-pool descriptor when it is an object of "dynstr_pool".
-dynstr_pooldesc *as_pooldesc(void *cookie) {
+dynstr_pooldesc *loc_as_pooldesc(void *cookie) {
     if (!cookie)
         return nullptr;
     // Any pool may carry a cookie: read a header only in front of an object
@@ -34,18 +31,7 @@ dynstr_pooldesc *as_pooldesc(void *cookie) {
     return static_cast<dynstr_pooldesc *>(cookie);
 }
 
-// The string pool whose records pool p holds, or null. A pool with the
-// string records' release hook carries its descriptor as cookie: only
-// dynstr_initpool2 installs the hook (a half-made pool loses it again before
-// its descriptor goes), so while the descriptor pool is known (a failed
-// second dynstr_init forgets it), a pool that has the hook, even one made
-// with a copy of a record pool's options, has a descriptor cookie; that
-// answer needs no reading of the descriptor pool.
-dynstr_pooldesc *string_pool_of(const memm_pooldesc *p) {
-    if (p->options.free_ex == loc_dynstr_free_ex && p->options.cookie && g_family.class_id != MEMM_INVALID_POOL)
-        return static_cast<dynstr_pooldesc *>(p->options.cookie);
-    return as_pooldesc(p->options.cookie);
-}
+namespace {
 
 // The allocating entries fill in the new record (maximum size, allocation
 // site) under the same hold as the allocation: a listing in another thread
@@ -80,18 +66,6 @@ void abandon_pool(dynstr_pooldesc *pool, uint32_t poolid) {
 }
 
 } // namespace
-
-dynstr_pooldesc *loc_getdynstrpool(const void *rec) {
-    if (!rec)
-        return nullptr;
-    memm_pooldesc *p = pool_of_object(rec);
-    return p ? string_pool_of(p) : nullptr;
-}
-
-dynstr_pooldesc *loc_stringpool(uint32_t poolid) {
-    memm_pooldesc *p = memm_detail::loc_pool(poolid);
-    return p ? string_pool_of(p) : nullptr;
-}
 
 int loc_isdynstrpool(uint32_t poolid) { return loc_stringpool(poolid) != nullptr; }
 

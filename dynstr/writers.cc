@@ -20,7 +20,7 @@ struct Piece {
 // pieces off a long text one by one does not rescan its rest each time.
 Piece string_piece(const char *src, int32_t offset, int32_t length) {
     const size_t need = length < 0 ? SIZE_MAX : size_t(offset < 0 ? 0 : offset) + size_t(length);
-    const size_t full = strnlen(src, need);
+    const size_t full = need == SIZE_MAX ? strlen(src) : strnlen(src, need);
     const size_t off = offset < 0 ? 0 : (size_t(offset) > full ? full : size_t(offset));
     const size_t avail = full - off;
     const size_t len = (length < 0 || size_t(length) > avail) ? avail : size_t(length);
