@@ -103,9 +103,14 @@ inline memm_pooldesc *records_of(const dynstr_pooldesc *pool) { return memm_deta
 // given back directly (loc_release_slot: the same counters, free-list push
 // and poisoning) without the hook's pool lookups; any other record takes
 // memm_free_nolock, so nothing differs either way.
+// (The header check names `records`, a pool in use, exactly when the
+// header's pool id is the index of records' descriptor and the slot lies in
+// its storage.)
 inline bool releases_at_once(const memm_pooldesc *records, dynstr *d) {
     const uint8_t *slot = memm_detail::obj_to_slot(d);
-    return memm_detail::hdr_state(slot) < memm_detail::kRefUnit && memm_detail::loc_header_pool(slot) == records;
+    const uint32_t state = memm_detail::hdr_state(slot);
+    return state < memm_detail::kRefUnit && memm_detail::desc_at(memm_detail::state_poolid(state)) == records &&
+           memm_detail::loc_in_storage(records, slot);
 }
 // Releases a record that owns no buffer bytes (str null, or a literal or
 // staged text), for which the release hook only answers "go ahead".
