@@ -23,7 +23,8 @@
 //
 // The collector works on buffer (curbuffer + 1) % buffercount and makes it
 // current, so the buffers take turns and each is compacted just before new
-// text goes into it again. It allocates nothing and touches one buffer.
+// text goes into it again. It touches one buffer and allocates nothing: the
+// scratch space of its walk (below) is allocated with the pool.
 #include "dynstr_private.h"
 
 namespace dynstr_detail {
