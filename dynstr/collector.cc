@@ -23,7 +23,8 @@
 //
 // The collector works on buffer (curbuffer + 1) % buffercount and makes it
 // current, so the buffers take turns and each is compacted just before new
-// text goes into it again. It allocates nothing and touches one buffer.
+// text goes into it again. It touches one buffer and allocates nothing: the
+// scratch space of its walk (below) is allocated with the pool.
 #include "dynstr_private.h"
 
 namespace dynstr_detail {
@@ -36,12 +37,19 @@ using memm_detail::loc_log;
 void check_order(const dynstr *cur, const dynstr *next, uint32_t g) {
     if (next && next->str < cur->str)
         loc_log("[DYNSTR] loc_dynstr_gc dynstr->str sort error.");
-    if (loc_getbuffernr(cur) != g)
+    if (buffer_of(cur) != g)
         loc_log("[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.");
-    if (next && loc_getbuffernr(next) != g)
+    if (next && buffer_of(next) != g)
         loc_log("[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.");
     if (cur->str && strlen(cur->str) + 1 != size_of(cur))
         loc_log("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.");
+}
+
+// A record of the pool's storage whose slot is in use: one the back chain
+// may read, whatever a damaged prev link pointed it to.
+bool in_use(const memm_pooldesc *records, const dynstr *d) {
+    const uint8_t *slot = memm_detail::obj_to_slot(const_cast<dynstr *>(d));
+    return memm_detail::loc_in_storage(records, slot) && memm_detail::hdr_state(slot) != MEMM_STATE_FREE;
 }
 
 // Working state of one compaction walk.
@@ -67,10 +75,40 @@ struct Compaction {
 
 // Walks buffer g from its first deleted record: releases every placeholder,
 // relinks the survivors and slides each run of live texts down.
+//
+// The walk follows the next links, one dependent load per record, and
+// records lie scattered over the record pool (slots are reused last
+// released first). So while it works through the front half, a second
+// chain of loads runs from the list's end back along the prev links,
+// noting the records it passes in the scratch space; once the walk reaches
+// them, it has them in cache and prefetches ahead from the notes. The notes
+// only bring records in: the walk itself still goes by the next links, so a
+// damaged list is walked (and reported) exactly as without them.
 Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
+    constexpr size_t kAhead = 8; // records prefetched ahead in the back half
     Compaction w;
+    memm_pooldesc *records = records_of(pool);
+    dynstr **const notes = scratch_of(pool);
+    const size_t room = scratch_entries(pool->capacity);
+    size_t noted = 0;
+    dynstr *back = pool->buf_last[g]; // next record of the back chain
+    bool noting = true;
     dynstr *kept = first_deleted ? first_deleted->prev : nullptr; // last surviving record
     for (dynstr *cur = first_deleted; cur;) {
+        if (noted && cur == notes[noted - 1]) {
+            // In the noted back half: its records come back in list order.
+            noting = false;
+            noted--;
+            if (noted >= kAhead)
+                __builtin_prefetch(notes[noted - kAhead]);
+        } else if (noting) {
+            if (back && back != cur && noted < room && in_use(records, back)) {
+                notes[noted++] = back;
+                back = back->prev;
+            } else {
+                noting = false;
+            }
+        }
         dynstr *next = cur->next; // read before cur's slot is released
         check_order(cur, next, g);
         const uint32_t size = size_of(cur);
@@ -84,7 +122,14 @@ Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
                 w.in_deleted_run = true;
             }
             w.shift += size;
-            memm_free_nolock(cur);
+            // What the release hook does while the collector runs, without it.
+            if (releases_at_once(records, cur)) {
+                if (is_buffered(cur))
+                    pool->buf_count[DYNSTR_BNR(cur->flags)]--;
+                memm_detail::loc_release_slot(records, memm_detail::obj_to_slot(cur));
+            } else {
+                memm_free_nolock(cur);
+            }
         } else if (w.in_deleted_run) {
             cur->prev = kept;
             if (kept)

@@ -14,8 +14,11 @@ namespace {
 // From a plain pointer: allocated without collection, so the reserve may be
 // taken, which makes the next placement collect instead.
 dynstr *from_substring(uint32_t pool, const char *s, int32_t offset, int32_t length, void *caller) {
-    if (!s || !loc_isdynstrpool(pool))
+    dynstr_pooldesc *desc = s ? loc_stringpool(pool) : nullptr;
+    if (!desc)
         return nullptr;
+    if (dynstr *d = loc_fromsubstring_direct(desc, s, offset, length, caller))
+        return d;
     dynstr *d = new_record(pool, false, caller);
     return d ? keep_if_written(d, loc_setsubstring(d, s, nullptr, offset, length)) : nullptr;
 }

@@ -70,16 +70,45 @@ void cut_off(dynstr_pooldesc *pool, dynstr *d, uint32_t k) {
     loc_dynstr_unlink(pool, d->prev, d, nullptr, k);
 }
 
+// The last text of its buffer with no placeholder in front of it: what
+// mark_deleted and cut_off do together, each counter changed once (the
+// deleted counts and bytes would rise and fall straight back).
+void cut_off_at_once(dynstr_pooldesc *pool, memm_pooldesc *records, dynstr *d, uint32_t k) {
+    const uint32_t size = size_of(d);
+    d->flags |= DYNSTR_FLAG_DELETED;
+    (void)loc_setmaxsize(d, 0);
+    pool->del_total++;
+    pool->delbytes_total += size;
+    // mark_deleted would make d the first deleted record, cut_off forget it.
+    if (pool->buf_firstdel[k] && pool->buf_firstdel[k]->str > d->str)
+        pool->buf_firstdel[k] = nullptr;
+    memset(d->str, 0, size);
+    pool->buf_used[k] -= size;
+    pool->usedbytes -= size;
+    pool->recup_bytes += size;
+    dynstr *prev = d->prev;
+    if (prev)
+        prev->next = nullptr;
+    else
+        pool->buf_first[k] = nullptr;
+    pool->buf_last[k] = prev;
+    d->str = nullptr;
+    pool->buf_count[k]--;
+    pool->recup_ctx++;
+    release_unbuffered(records, d);
+}
+
 } // namespace
 
 uint32_t loc_dynstr_free_ex(void *rec) {
     auto *d = static_cast<dynstr *>(rec);
-    dynstr_pooldesc *pool = loc_getdynstrpool(d);
+    memm_pooldesc *records = d ? pool_of_object(d) : nullptr;
+    dynstr_pooldesc *pool = records ? string_pool_of(records) : nullptr;
     if (!pool) {
         loc_log("[DYNSTR] \"loc_dynstr_free_ex invalid param\"");
         return MEMM_ERR_INVALID_ARG;
     }
-    const uint32_t k = loc_getbuffernr(d);
+    const uint32_t k = buffer_of(d);
     if (!d->str || k == kNoBuffer)
         return MEMM_OK; // no buffer bytes: the slot simply goes back
     if (g_family.gc_running) {
@@ -90,6 +119,10 @@ uint32_t loc_dynstr_free_ex(void *rec) {
     if (is_deleted(d)) {
         loc_log("[DYNSTR] loc_dynstr_free_ex: dynstr is already freed");
         return MEMM_ERR_INVALID_ARG;
+    }
+    if (pool->buf_last[k] == d && !d->next && !(d->prev && is_deleted(d->prev))) {
+        cut_off_at_once(pool, records, d, k);
+        return MEMM_KEEP_OBJECT;
     }
     mark_deleted(pool, d, k);
     loc_merge_deleted_dynstr(pool, d, k);
@@ -108,12 +141,12 @@ void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *n
         next->prev = prev;
     else
         pool->buf_last[k] = prev;
-    d->str = nullptr; // its release hook then sees no buffer bytes
+    d->str = nullptr; // no buffer bytes left: the release hook has nothing to do
     pool->buf_count[k]--;
     pool->delcount--;
     pool->recup_ctx++;
     pool->buf_delcount[k]--;
-    memm_free_nolock(d);
+    release_unbuffered(records_of(pool), d);
 }
 
 } // namespace dynstr_detail

@@ -42,9 +42,83 @@ inline bool is_deleted(const dynstr *d) { return d->flags & DYNSTR_FLAG_DELETED;
 // The text lies in a string buffer (and the record in an allocation list).
 inline bool is_buffered(const dynstr *d) { return d->str && !(d->flags & DYNSTR_FLAG_LITERAL); }
 inline void set_bnr(dynstr *d, uint32_t bnr) { d->flags = (d->flags & ~kBnrBits) | (bnr << DYNSTR_BNR_SHIFT); }
+// The buffer holding the text, kNoBuffer for an empty, literal or staged one
+// (loc_getbuffernr without its null check, for the hot loops).
+inline uint32_t buffer_of(const dynstr *d) { return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer; }
 inline void *record_allocfrom(dynstr *d) { return memm_detail::hdr_allocfrom(memm_detail::obj_to_slot(d)); }
 inline void set_record_allocfrom(void *d, void *caller) {
     memm_detail::hdr_set_allocfrom(memm_detail::obj_to_slot(d), caller);
+}
+
+// The size field, the maximum size and the buffer number, inline for the
+// hot paths of writing, releasing and collecting.
+inline void loc_setstrsize(dynstr *d, uint32_t size) {
+    constexpr uint32_t kKeptInShortForm = kBnrBits | DYNSTR_FLAG_DELETED | DYNSTR_FLAG_LITERAL;
+    if (size <= DYNSTR_SHORT_SIZE_MAX) {
+        if (size == 0)
+            d->str = nullptr;
+        if (d->flags & DYNSTR_FLAG_LONG)
+            d->flags = (d->flags & kKeptInShortForm) | size; // back to short form, no maximum
+        else
+            d->flags = (d->flags & ~kSizeMaskShort) | size;
+    } else if (size <= DYNSTR_LONG_SIZE_MAX) {
+        d->flags = (d->flags & ~kSizeMaskLong) | DYNSTR_FLAG_LONG | size;
+    } else {
+        memm_detail::loc_log("[DYNSTR] loc_setstrsize with invalid size");
+    }
+}
+
+inline uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize) {
+    if (d->flags & DYNSTR_FLAG_LONG)
+        return MEMM_OK;
+    d->flags &= ~kMaxsizeBits;
+    if (maxsize > DYNSTR_MAXSIZE_LIMIT)
+        return MEMM_ERR_INVALID_ARG;
+    d->flags |= maxsize << DYNSTR_MAXSIZE_SHIFT;
+    return MEMM_OK;
+}
+
+inline uint32_t loc_getbuffernr(const dynstr *d) {
+    if (!d) {
+        memm_detail::loc_log("[DYNSTR] \"Failed to get buffer nr\"");
+        return kNoBuffer;
+    }
+    return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer;
+}
+
+// The collector's scratch space: room for the records of the back half of a
+// buffer's list, allocated behind buffer 0 when the pool is made, so a
+// collection allocates nothing and the pool one block less than it might.
+inline size_t scratch_offset(int32_t buffersize) { return (size_t(buffersize) + 7) & ~size_t(7); }
+inline size_t scratch_entries(uint32_t capacity) { return capacity / 2 + 1; }
+inline dynstr **scratch_of(const dynstr_pooldesc *pool) {
+    return reinterpret_cast<dynstr **>(pool->buf_base[0] + scratch_offset(pool->buffersize));
+}
+
+// The record pool of a string pool.
+inline memm_pooldesc *records_of(const dynstr_pooldesc *pool) { return memm_detail::loc_pool(pool->poolid); }
+// Releasing d with memm_free_nolock would run the release hook and then
+// free the slot: the header names the record pool and no extra holder is
+// left. When the hook is known to let such a record go, the slot can be
+// given back directly (loc_release_slot: the same counters, free-list push
+// and poisoning) without the hook's pool lookups; any other record takes
+// memm_free_nolock, so nothing differs either way.
+// (The header check names `records`, a pool in use, exactly when the
+// header's pool id is the index of records' descriptor and the slot lies in
+// its storage.)
+inline bool releases_at_once(const memm_pooldesc *records, dynstr *d) {
+    const uint8_t *slot = memm_detail::obj_to_slot(d);
+    const uint32_t state = memm_detail::hdr_state(slot);
+    return state < memm_detail::kRefUnit && memm_detail::desc_at(memm_detail::state_poolid(state)) == records &&
+           memm_detail::loc_in_storage(records, slot);
+}
+// Releases a record that owns no buffer bytes (str null, or a literal or
+// staged text), for which the release hook only answers "go ahead".
+inline void release_unbuffered(memm_pooldesc *records, dynstr *d) {
+    if (releases_at_once(records, d))
+        memm_detail::loc_release_slot(records, memm_detail::obj_to_slot(d));
+    else
+        memm_free_nolock(d);
 }
 
 // Bounded copy: at most size - 1 characters, always terminated when size is
@@ -52,19 +126,51 @@ inline void set_record_allocfrom(void *d, void *caller) {
 MEMM_INTERNAL size_t strlcpy(char *dst, const char *src, size_t size);
 
 // ---- records and pools (pools.cc) ------------------------------------------
-MEMM_INTERNAL dynstr_pooldesc *loc_getdynstrpool(const void *rec);
+// The cookie as a string-pool descriptor when it is an object of
+// "dynstr_pool", else null.
+MEMM_INTERNAL dynstr_pooldesc *loc_as_pooldesc(void *cookie);
+MEMM_INTERNAL uint32_t loc_dynstr_free_ex(void *rec);
+// The string pool whose records pool p holds, or null. A pool with the
+// string records' release hook carries its descriptor as cookie: only
+// dynstr_initpool2 installs the hook (a half-made pool loses it again before
+// its descriptor goes), so while the descriptor pool is known (a failed
+// second dynstr_init forgets it), a pool that has the hook, even one made
+// with a copy of a record pool's options, has a descriptor cookie; that
+// answer needs no reading of the descriptor pool.
+inline dynstr_pooldesc *string_pool_of(const memm_pooldesc *p) {
+    if (p->options.free_ex == loc_dynstr_free_ex && p->options.cookie && g_family.class_id != MEMM_INVALID_POOL)
+        return static_cast<dynstr_pooldesc *>(p->options.cookie);
+    return loc_as_pooldesc(p->options.cookie);
+}
+
+// The pool of a record (of any object: null when its header names no pool).
+inline memm_pooldesc *pool_of_object(const void *obj) {
+    const uint8_t *slot = static_cast<const uint8_t *>(obj) - memm_detail::kHdrSize;
+    return memm_detail::loc_pool(memm_detail::state_poolid(memm_detail::hdr_state(slot)));
+}
+inline dynstr_pooldesc *loc_getdynstrpool(const void *rec) {
+    if (!rec)
+        return nullptr;
+    memm_pooldesc *p = pool_of_object(rec);
+    return p ? string_pool_of(p) : nullptr;
+}
+// The string pool that `pool` names, or null (loc_isdynstrpool's answer).
+inline dynstr_pooldesc *loc_stringpool(uint32_t poolid) {
+    memm_pooldesc *p = memm_detail::loc_pool(poolid);
+    return p ? string_pool_of(p) : nullptr;
+}
 MEMM_INTERNAL int loc_isdynstrpool(uint32_t pool);
 MEMM_INTERNAL int loc_isdynstring(const void *rec);
-MEMM_INTERNAL uint32_t loc_getbuffernr(const dynstr *d);
-MEMM_INTERNAL uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize);
 MEMM_INTERNAL int loc_dynstr_listfilter(void *rec, uint32_t options);
 
 // ---- placement (storage.cc) ----------------------------------------------------
-MEMM_INTERNAL void loc_setstrsize(dynstr *d, uint32_t size);
 MEMM_INTERNAL int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d);
 MEMM_INTERNAL int loc_dynmem_alloc(dynstr_pooldesc *pool, dynstr *d, int32_t size);
 MEMM_INTERNAL uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynstr **tmp);
 MEMM_INTERNAL uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d);
+// Claims `size` bytes at buffer c's free position, where d's text lies, and
+// appends d to the buffer's list: the placement step of loc_dynstr_updatepool.
+MEMM_INTERNAL void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size);
 
 // A write in progress: the record's pool, its maximum size and the
 // temporary record holding its old text (steps 1-2 and 5-7 of the write
@@ -85,7 +191,6 @@ MEMM_INTERNAL uint32_t loc_dynstr_begin_write(dynstr *d, Write *w);
 MEMM_INTERNAL uint32_t loc_dynstr_end_write(const Write &w, dynstr *d, uint32_t result);
 
 // ---- deletion (deletion.cc) ------------------------------------------------------
-MEMM_INTERNAL uint32_t loc_dynstr_free_ex(void *rec);
 MEMM_INTERNAL void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *next, uint32_t k);
 
 // ---- collection (collector.cc) ----------------------------------------------------
@@ -104,6 +209,11 @@ MEMM_INTERNAL void loc_dynstr_print_stats(void *cookie, uint32_t *live_total, ui
 // The substring writer (writers.cc): a piece of `src`, or of `src_rec` when
 // `src` is null, replaces the text.
 MEMM_INTERNAL uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length);
+// A new record of `pool` holding a piece of a C string, made in one pass when
+// nothing on the way can collect (writers.cc); null when that does not hold,
+// and then nothing has changed: the caller takes the plain way.
+MEMM_INTERNAL dynstr *loc_fromsubstring_direct(dynstr_pooldesc *pool, const char *src, int32_t offset,
+                                               int32_t length, void *caller);
 // The append primitive (append.cc): at most n characters of src go behind the
 // text, in place when the text ends at the current buffer's free position.
 MEMM_INTERNAL uint32_t loc_addstring_size(dynstr *d, const char *src, uint32_t n);

@@ -15,13 +15,10 @@ using memm_detail::loc_log;
 // The descriptor pool's print2 hook.
 void print_pooldesc(void *obj, memm_print_fn print) { print(" - '%s'", static_cast<dynstr_pooldesc *>(obj)->name); }
 
-memm_pooldesc *pool_of_object(const void *obj) {
-    const uint8_t *slot = static_cast<const uint8_t *>(obj) - memm_detail::kHdrSize;
-    return memm_detail::loc_pool(memm_detail::state_poolid(memm_detail::hdr_state(slot)));
-}
+} // namespace
 
 // A cookie is a string-pool descriptor when it is an object of "dynstr_pool".
-dynstr_pooldesc *as_pooldesc(void *cookie) {
+dynstr_pooldesc *loc_as_pooldesc(void *cookie) {
     if (!cookie)
         return nullptr;
     // Any pool may carry a cookie: read a header only in front of an object
@@ -33,6 +30,8 @@ dynstr_pooldesc *as_pooldesc(void *cookie) {
         return nullptr;
     return static_cast<dynstr_pooldesc *>(cookie);
 }
+
+namespace {
 
 // The allocating entries fill in the new record (maximum size, allocation
 // site) under the same hold as the allocation: a listing in another thread
@@ -68,39 +67,13 @@ void abandon_pool(dynstr_pooldesc *pool, uint32_t poolid) {
 
 } // namespace
 
-dynstr_pooldesc *loc_getdynstrpool(const void *rec) {
-    if (!rec)
-        return nullptr;
-    memm_pooldesc *p = pool_of_object(rec);
-    return p ? as_pooldesc(p->options.cookie) : nullptr;
-}
-
-int loc_isdynstrpool(uint32_t poolid) {
-    memm_pooldesc *p = memm_detail::loc_pool(poolid);
-    return p && as_pooldesc(p->options.cookie);
-}
+int loc_isdynstrpool(uint32_t poolid) { return loc_stringpool(poolid) != nullptr; }
 
 int loc_isdynstring(const void *rec) {
     return rec && loc_getdynstrpool(rec) && !is_deleted(static_cast<const dynstr *>(rec));
 }
 
-uint32_t loc_getbuffernr(const dynstr *d) {
-    if (!d) {
-        loc_log("[DYNSTR] \"Failed to get buffer nr\"");
-        return kNoBuffer;
-    }
-    return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer;
-}
 
-uint32_t loc_setmaxsize(dynstr *d, uint32_t maxsize) {
-    if (d->flags & DYNSTR_FLAG_LONG)
-        return MEMM_OK;
-    d->flags &= ~kMaxsizeBits;
-    if (maxsize > DYNSTR_MAXSIZE_LIMIT)
-        return MEMM_ERR_INVALID_ARG;
-    d->flags |= maxsize << DYNSTR_MAXSIZE_SHIFT;
-    return MEMM_OK;
-}
 
 int loc_dynstr_listfilter(void *rec, uint32_t options) {
     const dynstr *d = static_cast<const dynstr *>(rec);
@@ -187,7 +160,15 @@ uint32_t dynstr_initpool2(const char *name, uint32_t count, int32_t total_bytes,
     pool->anchor = dynstr_calloc(poolid);
     pool->countptr = memm_get_currentcount_ptr(poolid, &pool->delcount, &pool->ctx_depleted);
     for (int32_t k = 0; k < buffers; k++) {
-        pool->buf_base[k] = static_cast<char *>(malloc(size_t(buffersize)));
+        // Buffer 0 carries the collector's scratch space.
+        size_t bytes = size_t(buffersize);
+        if (k == 0) {
+            const size_t entries = scratch_entries(capacity);
+            bytes = entries > (SIZE_MAX - scratch_offset(buffersize)) / sizeof(dynstr *)
+                        ? SIZE_MAX
+                        : scratch_offset(buffersize) + entries * sizeof(dynstr *);
+        }
+        pool->buf_base[k] = bytes == SIZE_MAX ? nullptr : static_cast<char *>(malloc(bytes));
         if (!pool->buf_base[k]) {
             abandon_pool(pool, poolid);
             return MEMM_INVALID_POOL;

@@ -88,21 +88,19 @@ void append_to_list(dynstr_pooldesc *pool, dynstr *d, uint32_t c) {
 
 } // namespace
 
-void loc_setstrsize(dynstr *d, uint32_t size) {
-    constexpr uint32_t kKeptInShortForm = kBnrBits | DYNSTR_FLAG_DELETED | DYNSTR_FLAG_LITERAL;
-    if (size <= DYNSTR_SHORT_SIZE_MAX) {
-        if (size == 0)
-            d->str = nullptr;
-        if (d->flags & DYNSTR_FLAG_LONG)
-            d->flags = (d->flags & kKeptInShortForm) | size; // back to short form, no maximum
-        else
-            d->flags = (d->flags & ~kSizeMaskShort) | size;
-    } else if (size <= DYNSTR_LONG_SIZE_MAX) {
-        d->flags = (d->flags & ~kSizeMaskLong) | DYNSTR_FLAG_LONG | size;
-    } else {
-        loc_log("[DYNSTR] loc_setstrsize with invalid size");
-    }
+void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size) {
+    pool->buf_used[c] += size;
+    pool->usedbytes += size;
+    if (pool->usedbytes - pool->delbytes > pool->peaklive)
+        pool->peaklive = pool->usedbytes - pool->delbytes;
+    if (pool->buf_used[c] - pool->buf_delbytes[c] > pool->buf_peaklive[c])
+        pool->buf_peaklive[c] = pool->buf_used[c] - pool->buf_delbytes[c];
+    // A text extended in place is already the list's last record.
+    if (pool->buf_last[c] != d)
+        append_to_list(pool, d, c);
+    set_bnr(d, c);
 }
+
 
 int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d) {
     const uint32_t c = pool->curbuffer;
@@ -167,17 +165,7 @@ uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d) {
         return MEMM_OK;
     }
 
-    // The text lies at buffer c's free position: claim it.
-    pool->buf_used[c] += size;
-    pool->usedbytes += size;
-    if (pool->usedbytes - pool->delbytes > pool->peaklive)
-        pool->peaklive = pool->usedbytes - pool->delbytes;
-    if (pool->buf_used[c] - pool->buf_delbytes[c] > pool->buf_peaklive[c])
-        pool->buf_peaklive[c] = pool->buf_used[c] - pool->buf_delbytes[c];
-    // A text extended in place is already the list's last record.
-    if (pool->buf_last[c] != d)
-        append_to_list(pool, d, c);
-    set_bnr(d, c);
+    loc_dynstr_claim(pool, d, c, size);
 
     if (pool->buf_count[c] > pool->ctx_limit)
         loc_dynstr_gc(pool, DYNSTR_GC_CTX_BALANCE);
@@ -199,7 +187,12 @@ uint32_t loc_dynstr_end_write(const Write &w, dynstr *d, uint32_t result) {
     const uint32_t settled = loc_dynstr_updatepool(w.pool, d);
     if (w.maxsize)
         (void)loc_setmaxsize(d, w.maxsize);
-    memm_free_nolock(w.old);
+    // An old text in a buffer becomes a placeholder through the release
+    // hook; any other old record is simply given back.
+    if (is_buffered(w.old))
+        memm_free_nolock(w.old);
+    else
+        release_unbuffered(records_of(w.pool), w.old);
     return result != MEMM_OK ? result : settled;
 }
 

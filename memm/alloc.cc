@@ -33,26 +33,6 @@ inline void zero_area(uint8_t *area, size_t n) {
     }
 }
 
-// Pops the head of the free list and hands the slot out zero-filled but for
-// its state word and allocfrom: the header is written whole, then only the
-// object area is cleared.
-inline uint8_t *take_slot(memm_pooldesc *p, uint32_t id, void *allocfrom) {
-    uint8_t *slot = p->free_head;
-    p->free_head = free_link(p, slot);
-    loc_unpoison_slot(p, slot);
-    hdr_write(slot, id, allocfrom);
-    zero_area(slot + kHdrSize, p->slotsize - kHdrSize);
-    p->cur_count++;
-    if (p->cur_count > p->max_count)
-        set_max_count(p, p->cur_count);
-    if (p->base_count_ptr) {
-        int32_t d = int32_t(p->cur_count - *p->base_count_ptr);
-        if (d > p->base_peak)
-            p->base_peak = d;
-    }
-    return slot;
-}
-
 bool has_two_free_slots(const memm_pooldesc *p) { return p->free_head && free_link(p, p->free_head); }
 
 // Reports a pool that cannot serve an allocation: loudly and with report
@@ -147,6 +127,16 @@ uint8_t *grow_chain(uint32_t root_id, int32_t attempt, bool collect) {
 
 } // namespace
 
+uint8_t *loc_take_slot(memm_pooldesc *p, uint32_t id, void *allocfrom) {
+    uint8_t *slot = p->free_head;
+    p->free_head = free_link(p, slot);
+    loc_unpoison_slot(p, slot);
+    hdr_write(slot, id, allocfrom);
+    zero_area(slot + kHdrSize, p->slotsize - kHdrSize);
+    loc_note_count(p, ++p->cur_count);
+    return slot;
+}
+
 uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, bool fromroot) {
     memm_pooldesc *p = loc_pool(id);
     if (!p)
@@ -160,7 +150,7 @@ uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, bool fromroot)
     int counter;
     if (p->options.gc && collect) {
         if (has_two_free_slots(p)) {
-            slot = take_slot(p, id, nullptr);
+            slot = loc_take_slot(p, id, nullptr);
             counter = MEMM_ALLOC_CALLS_FIRST_FREE;
         } else {
             if (attempt < kMaxGcAttempts && p->options.gc(p->options.cookie, attempt))
@@ -171,7 +161,7 @@ uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, bool fromroot)
         const bool reserve_hit = p->options.gc && !collect &&
                                  int32_t(p->cur_count + uint32_t(p->options.reserve)) >= int32_t(p->alloc_count);
         if (p->free_head) {
-            slot = take_slot(p, id, nullptr);
+            slot = loc_take_slot(p, id, nullptr);
             counter = MEMM_ALLOC_CALLS_FIRST_FREE;
         } else if (p->flags & MEMM_POOLFLAG_NO_EXPANSION) {
             loc_deplete(p);
@@ -202,7 +192,7 @@ inline void *calloc_fast(uint32_t id, void *caller) {
     memm_pooldesc *p = loc_pool(id);
     if (!p || p->root_pool != id || p->options.gc || !p->free_head)
         return nullptr;
-    uint8_t *slot = take_slot(p, id, caller);
+    uint8_t *slot = loc_take_slot(p, id, caller);
     p->alloc_calls[MEMM_ALLOC_CALLS_TOTAL]++;
     p->alloc_calls[MEMM_ALLOC_CALLS_FIRST_FREE]++;
     return slot_to_obj(slot);

@@ -174,6 +174,16 @@ inline uint32_t loc_pool_count() {
 }
 // Raises a pool's max_count; pool 0's is read without the lock.
 inline void set_max_count(memm_pooldesc *p, uint32_t count) { store_shared_word(&p->max_count, count); }
+// Raises the pool's peak figures to `count` objects in use.
+inline void loc_note_count(memm_pooldesc *p, uint32_t count) {
+    if (count > p->max_count)
+        set_max_count(p, count);
+    if (p->base_count_ptr) {
+        const int32_t d = int32_t(count - *p->base_count_ptr);
+        if (d > p->base_peak)
+            p->base_peak = d;
+    }
+}
 inline uint32_t loc_pool_id(const memm_pooldesc *p) {
     return uint32_t((reinterpret_cast<const uint8_t *>(p) - kHdrSize - desc_slot(0)) / kDescSlotSize);
 }
@@ -305,6 +315,10 @@ MEMM_INTERNAL uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, 
 MEMM_INTERNAL void *loc_calloc_entry(uint32_t id, bool collect, bool fromroot, void *caller);
 MEMM_INTERNAL uint32_t memm__free(uint8_t *slot, void *caller, bool relock);
 MEMM_INTERNAL void loc_release_slot(memm_pooldesc *p, uint8_t *slot);
+// Pops the head of p's free list (which must not be empty) and hands the
+// slot out zero-filled but for its state word and allocfrom: the header is
+// written whole, then only the object area is cleared. Counts it in use.
+MEMM_INTERNAL uint8_t *loc_take_slot(memm_pooldesc *p, uint32_t id, void *allocfrom);
 
 // ---- lookup (lock held) ----------------------------------------------------
 // Visits the in-use objects of pool `id` and, unless `single_pool`, of the
