@@ -1,6 +1,25 @@
 /* Dynamic strings: small pool records whose texts are packed into a few
  * large string buffers per string pool, compacted in turn by a collector.
  *
+ * Records are pool objects: release with memm_free. A record (dynstr) is
+ * an object of its string pool's record pool (the string pool's id is that
+ * pool's id), allocated by the constructors below with the caller as its
+ * one holder. memm_refalloc or dynstr_refalloc adds a holder; memm_free (or
+ * memm_free_nolock) drops one, and the last one deletes the text:
+ *  - memm_free returns MEMM_OK. The record may stay behind as a deleted
+ *    placeholder for its text's bytes until the collector or a neighbour's
+ *    release reclaims it; it is no string any more (dynstr_isdynstring
+ *    answers 0, dynstr_getstring gives DYNSTR_TEXT_DELETED, the writers
+ *    refuse it) and must not be used.
+ *  - Releasing it again while it is a placeholder: MEMM_ERR_HOOK_FAILED,
+ *    logged "[DYNSTR] loc_dynstr_free_ex: dynstr is already freed" and
+ *    "[MEMM] memm_free: free_ex failed for: %p (poolid = %d) called from
+ *    %p\r\n"; once its slot is free, memm_free's double-release lines.
+ * A list node holding a record holds one of its holders (strlist.h).
+ * dynstr_strdup gives a heap copy, released with free(). String pools are
+ * never destroyed; their names are kept by pointer, as memm_initpool keeps
+ * them, and must stay valid for the life of the process.
+ *
  * Storage model. A string pool owns 1 to 4 buffers; one is current. New text
  * is only ever appended at the current buffer's free position. A released
  * text stays in its buffer as a deleted placeholder (its record keeps the
@@ -8,47 +27,37 @@
  * end, or squeezed out by the collector, which compacts the buffer after the
  * current one and makes it current. A text pointer obtained from a record is
  * therefore valid only until the next write to, or collecting allocation in,
- * the same string pool.
+ * the same string pool: copy a text before any such call.
+ * Record pools never grow, so records are 8-byte aligned (memm.h, Alignment)
+ * and their fields may be read directly. No text is longer than
+ * DYNSTR_LONG_SIZE_MAX - 1 characters: the writers cut longer ones.
  *
- * Choices this implementation makes where the design leaves room:
- *  - dynstr_initpool2 refuses a buffer count below 1 (as it refuses one above
- *    4): it logs "[DYNSTR] dynstr_initpool(): invalid buffer count %d" and
- *    returns MEMM_INVALID_POOL without taking the lock.
- *  - Sizes beyond DYNSTR_LONG_SIZE_MAX cannot arise: dynstr_initpool2 refuses
- *    buffers larger than DYNSTR_LONG_SIZE_MAX bytes or smaller than 1 byte
- *    ("[DYNSTR] dynstr_initpool(): invalid buffer size %d"), so no text or
- *    merged placeholder in a buffer can outgrow the size field, and the
- *    writers cut any text to DYNSTR_LONG_SIZE_MAX - 1 characters, as they cut
- *    at a maximum size.
- *  - When a string buffer cannot be allocated after the record pool exists,
- *    dynstr_initpool2 returns MEMM_INVALID_POOL and leaves nothing dangling:
- *    the buffers obtained so far are freed, the anchor record and the
- *    descriptor are released, and the record pool (which cannot be removed)
- *    is stripped of its hooks, cookie and counter links. It stays registered
- *    as an inert plain pool, so its name remains taken and no string
- *    operation accepts its id.
- *  - dynstr_initpool2 refuses a record count above 2^31 - 6 (the record pool
- *    holds count + 5 slots): "[DYNSTR] dynstr_initpool(): invalid record
- *    count %u".
- *  - Writers refuse a released record that is still a deleted placeholder
- *    (MEMM_ERR_INVALID_ARG): writing into it would revive dead space.
- *  - dynstr_setmaxsize whose cut of a longer text fails (no record slot for
- *    the old text) keeps the text and the old maximum and returns the
- *    failure, so a maximum never lies below the text's size.
- *  - The temporary record that holds a record's old text while a writer
- *    works records the string's own allocation site, so a listing of the
- *    placeholder it leaves names the code that made the text.
- *  - Statistics percentages are computed with 64-bit products, so they stay
- *    right after the lifetime counters pass 2^32 / 100.
- *  - dynstr_pool_set_dellist_threshold takes (pool, threshold) and does
- *    nothing.
- *  - dynstr_strncpy with a size of 0 writes nothing and returns dst, as it
- *    does for a null dst.
- *  - dynstr_setipv6addr refuses a null address (MEMM_ERR_INVALID_ARG).
- *  - Hex texts obey the size limit of every writer: at most
- *    (DYNSTR_LONG_SIZE_MAX - 1) / 2 bytes are written, whole bytes only.
- *  - dynstr_gethexstring with a negative output size gives
- *    MEMM_ERR_BUFFER_TOO_SMALL and touches nothing.
+ * Lock: every function takes the library's lock for its whole run, except
+ * the _nolock variants (the caller holds it), dynstr_strlen (no lock),
+ * dynstr_getmaxsize (checks the record under the lock and reads its maximum
+ * after), dynstr_pool_set_dellist_threshold (no lock) and dynstr_init (no
+ * lock of its own); checks said to be made "without the lock" come before it.
+ *
+ * Log lines:
+ *  - Bad arguments are not logged, except by dynstr_getmaxsize,
+ *    dynstr_setmaxsize(_nolock) and dynstr_reset ("[DYNSTR]
+ *    \"dynstr_getmaxsize() invalid param\"", with that function's name) and
+ *    by the pool creators (quoted with them).
+ *  - No buffer room for a text even after collection: "Out of string buffer
+ *    memory for pool '%s' !!!!!!!!!!!!!!!!!!!!!!!!!!!!!!", and for the first 4
+ *    such events of the process a listing of the pool to the
+ *    "pool_depleted" list file (memm.h); the writer returns
+ *    MEMM_ERR_NO_MEMORY with the record empty, a constructor null.
+ *  - No record slot: the allocations that collect give null without a line;
+ *    those that do not collect (constructors from a plain pointer or a
+ *    format) make the record pool's depletion report (memm.h, Allocation).
+ *  - Every other line beginning "[DYNSTR]" (such as "[DYNSTR] WARNING:
+ *    ...") reports an inconsistency met in a pool's bookkeeping (a "fixed"
+ *    one was repaired): a sign of memory corruption, not of a caller's
+ *    mistake.
+ * The string pools' lines in the usage table compute percentages with
+ * 64-bit products, so they stay right after the lifetime counters pass
+ * 2^32 / 100.
  */
 #ifndef DYNSTR_H
 #define DYNSTR_H
@@ -153,13 +162,33 @@ typedef struct dynstr_ipaddr {
 } dynstr_ipaddr;
 
 /* ================= Family start, string pools, records ================= */
-/* Creates the pool "dynstr_pool" for pool_count string pools. A second call
- * fails (the name is taken) and leaves no pool recognised as a string pool. */
+/* Creates the pool "dynstr_pool" for pool_count string pools; it never
+ * grows, so at most pool_count string pools can ever exist. memm_init calls
+ * it. MEMM_ERR_NO_MEMORY when the pool cannot be created, logged "dynstring
+ * init failed" after memm_initpool's line. A second call fails that way (the
+ * name is taken) and leaves no pool recognised as a string pool. */
 MEMM_API uint32_t dynstr_init(uint32_t pool_count);                          /* MEMM_OK or MEMM_ERR_NO_MEMORY; memm_init calls it; no lock of its own */
-/* Creates a string pool: a record pool of count + 5 slots (5 held in reserve)
- * and `buffers` string buffers of total_bytes / buffers bytes each. Fails
- * with nothing created for buffers outside 1..4 or a bad buffer size (see
- * the choices above), for a taken name, or when no descriptor is left. */
+/* Creates a string pool: a record pool of count + 5 slots (5 held in
+ * reserve, expansion disallowed) and `buffers` string buffers of
+ * total_bytes / buffers bytes each. The name is kept by pointer.
+ * MEMM_INVALID_POOL, with nothing created, for:
+ *  - buffers above 4: "dynstr_initpool(): poolcount exceeds maximum";
+ *  - buffers below 1: "[DYNSTR] dynstr_initpool(): invalid buffer count %d";
+ *  - count above 2^31 - 6: "[DYNSTR] dynstr_initpool(): invalid record
+ *    count %u";
+ *  - a buffer size below 1 byte or above DYNSTR_LONG_SIZE_MAX bytes:
+ *    "[DYNSTR] dynstr_initpool(): invalid buffer size %d";
+ *  (these four are checked without the lock)
+ *  - no string pool descriptor left: once dynstr_init's pool_count is
+ *    reached, "dynstr_pool" is depleted, with its report (memm.h,
+ *    Allocation); without a string family, nothing is logged;
+ *  - a record pool memm_initpool refuses (a taken name, for instance): its
+ *    line, then "dynstring init failed".
+ * When a string buffer cannot be allocated after the record pool exists,
+ * the result is MEMM_INVALID_POOL too, nothing logged and nothing left
+ * dangling: the record pool, which cannot be removed, stays registered as
+ * an inert plain pool without hooks or cookie, so its name remains taken
+ * and no string operation accepts its id. */
 MEMM_API uint32_t dynstr_initpool2(const char *name, uint32_t count, int32_t total_bytes,
                                    int32_t buffers);                         /* string pool id or MEMM_INVALID_POOL */
 /* dynstr_initpool2 with 2 buffers up to 10000 records, else 4. */
@@ -176,13 +205,20 @@ MEMM_API dynstr  *dynstr_calloc_maxlen(uint32_t pool, uint32_t maxlen);      /* 
 MEMM_API dynstr  *dynstr_refalloc(dynstr *d);                                /* d with one more holder, or null */
 MEMM_API int      dynstr_isdynstring(void *p);                               /* 1 if p is a live record of a string pool, else 0 */
 MEMM_API uint32_t dynstr_strlen(dynstr *d);                                  /* text length; 0 for null or empty; no lock */
+/* 0 for a d that is not a live record, logged "[DYNSTR]
+ * \"dynstr_getmaxsize() invalid param\"". */
 MEMM_API uint32_t dynstr_getmaxsize(dynstr *d);                              /* maximum size, 0 for none or invalid */
 /* Sets the maximum size (0 = none), first cutting a longer text to
  * maxsize - 1 characters. Above 2047 the text is cut all the same, the
- * record is left without a maximum and the result is MEMM_ERR_INVALID_ARG. */
+ * record is left without a maximum and the result is MEMM_ERR_INVALID_ARG.
+ * When the cut fails (no record slot for the old text) the text and the old
+ * maximum stay and the cut's result is returned, so a maximum never lies
+ * below the text's size. A d that is not a live record: MEMM_ERR_INVALID_ARG,
+ * logged "[DYNSTR] \"dynstr_setmaxsize() invalid param\"". */
 MEMM_API uint32_t dynstr_setmaxsize(dynstr *d, uint32_t maxsize);            /* result code */
 MEMM_API uint32_t dynstr_setmaxsize_nolock(dynstr *d, uint32_t maxsize);     /* result code */
-/* Empties a live record and removes its maximum size. */
+/* Empties a live record and removes its maximum size. MEMM_ERR_INVALID_ARG
+ * for anything else, logged "[DYNSTR] \"dynstr_reset() invalid param\"". */
 MEMM_API uint32_t dynstr_reset(dynstr *d);                                   /* result code */
 MEMM_API uint32_t dynstr_pool_set_dellist_threshold(uint32_t pool, uint32_t threshold); /* always MEMM_OK, no effect; no lock */
 
@@ -230,27 +266,20 @@ MEMM_API dynstr  *dynstr_fromvprintf(uint32_t pool, const char *fmt, va_list ap)
 
 /* ================= Assignments and appends (result code) ================= */
 /* Every writer cuts its text at the record's maximum size - 1 characters
- * (a maximum never causes a failure) and keeps the maximum. On failure the
- * record is left holding the empty string, except where said otherwise; its
- * old text is gone. MEMM_ERR_NO_MEMORY: no record was left to hold the old
- * text while writing (the record is unchanged then), no staging memory, or
- * no buffer room after collection. A source may point into the record's own
- * text (for instance an argument from dynstr_getstring of the same record).
- *
- * Choices this implementation makes where the design leaves room:
- *  - An offset into a C string outside 0..strlen(s) is clamped to it, as for
- *    a source record: a negative offset counts as 0, a larger one as the end.
- *  - When vsnprintf fails (a negative result, such as an encoding error),
- *    nothing is allocated or copied: the record is left empty and the
- *    result is MEMM_ERR_INVALID_ARG.
- *  - Formatted output that is empty, or begins with a zero byte, leaves the
- *    empty string; output containing a zero byte ends there.
- *  - dynstr_addstring_size sizes its work by the characters actually
- *    appended (a count beyond the string's end costs nothing), and appending
- *    nothing (a record already at its maximum size) leaves the record as it
- *    is, text position included.
- *  - The from-record constructors refuse a source that is not live, before
- *    allocating; the assignments check what their descriptions say. */
+ * (a maximum never causes a failure) and keeps the maximum; without a
+ * maximum it cuts at DYNSTR_LONG_SIZE_MAX - 1. On failure the record is left
+ * holding the empty string, except where said otherwise; its old text is
+ * gone. MEMM_ERR_NO_MEMORY: no record was left to hold the old text while
+ * writing (the record is unchanged then), no staging memory, or no buffer
+ * room after collection ("Out of string buffer memory ..." above).
+ * MEMM_ERR_INVALID_ARG, with the record unchanged, for a released record
+ * that is still a deleted placeholder: writing into it would revive dead
+ * space. A source may point into the record's own text (for instance an
+ * argument from dynstr_getstring of the same record). While a writer works,
+ * the record's old text is held by a temporary record that carries the
+ * string's own allocation site, so a listing of the placeholder it leaves
+ * names the code that made the text. The record keeps its holders and its
+ * allocation site. */
 
 /* Replaces the text by a copy of s. MEMM_ERR_INVALID_ARG for a null s or a
  * record outside a string pool. */
@@ -279,18 +308,25 @@ MEMM_API uint32_t dynstr_setsubdynstr(dynstr *d, dynstr *src, int32_t offset, in
  * left to hold the old text. */
 MEMM_API uint32_t dynstr_setliteral(dynstr *d, const char *literal);              /* result code */
 /* Replaces the text by the formatted text. MEMM_ERR_INVALID_ARG for a null
- * d or fmt (checked without the lock) or a d that is not a live record. */
+ * d or fmt (checked without the lock) or a d that is not a live record.
+ * Formatting (here, in dynstr_addsprintf and in dynstr_fromprintf):
+ * output that is empty, or begins with a zero byte, gives the empty string;
+ * output containing a zero byte ends there. When vsnprintf fails (a
+ * negative result, such as an encoding error) nothing is allocated or
+ * copied: the record is left empty and the result is MEMM_ERR_INVALID_ARG
+ * (a constructor gives null). */
 MEMM_API uint32_t dynstr_sprintf(dynstr *d, const char *fmt, ...);                /* result code */
 /* Appends the formatted text. MEMM_ERR_INVALID_ARG, with d unchanged, when
  * d is not a live record or fmt is null. */
 MEMM_API uint32_t dynstr_addsprintf(dynstr *d, const char *fmt, ...);             /* result code */
-/* Appends at most n characters of s. The text grows in place when it is
- * the last one written to the current buffer and the room suffices;
- * otherwise it moves to the free position (its old place becomes deleted
- * space) or, when the current buffer lacks room, into a buffer that a
- * collection frees. MEMM_ERR_INVALID_ARG for a null d or a d that is not a
- * live record; MEMM_OK without doing anything for a null or empty s or
- * n = 0 (checked without the lock). */
+/* Appends at most n characters of s (a count beyond the string's end costs
+ * nothing). The text grows in place when it is the last one written to the
+ * current buffer and the room suffices; otherwise it moves to the free
+ * position (its old place becomes deleted space) or, when the current buffer
+ * lacks room, into a buffer that a collection frees. A record already at its
+ * maximum size stays as it is, text position included. MEMM_ERR_INVALID_ARG
+ * for a null d or a d that is not a live record; MEMM_OK without doing
+ * anything for a null or empty s or n = 0 (checked without the lock). */
 MEMM_API uint32_t dynstr_addstring_size(dynstr *d, const char *s, uint32_t n);    /* result code; appends at most n characters */
 /* Appends all of s. MEMM_ERR_INVALID_ARG for a null s, otherwise as
  * dynstr_addstring_size. */
@@ -320,7 +356,8 @@ MEMM_API dynstr  *dynstr_fromint32(uint32_t pool, int32_t v);           /* new r
 MEMM_API dynstr  *dynstr_fromipv4addr(uint32_t pool, uint32_t addr);    /* new record "a.b.c.d" or null; addr in network byte order */
 MEMM_API dynstr  *dynstr_fromipaddr(uint32_t pool, uint32_t addr);      /* same as dynstr_fromipv4addr */
 /* Two lowercase digits per byte, high nibble first; a null data or a count
- * of 0 gives the empty string. Allocates with collection. */
+ * of 0 gives the empty string. At most (DYNSTR_LONG_SIZE_MAX - 1) / 2 bytes
+ * are written, whole bytes only. Allocates with collection. */
 MEMM_API dynstr  *dynstr_hexstringfromdata(uint32_t pool, const uint8_t *data, uint32_t count); /* new record of lowercase hex, or null */
 
 /* Setters: replace the text by the value's text, as dynstr_sprintf does
@@ -341,8 +378,9 @@ MEMM_API uint32_t dynstr_setipaddr_any(dynstr *d, const dynstr_ipaddr *addr); /*
  * dynstr_setliteral does; a maximum size of 1 leaves the empty string. */
 MEMM_API uint32_t dynstr_setbool(dynstr *d, int v);                     /* result code; text "1" or "0" */
 /* Two lowercase digits per byte; a maximum size keeps whole bytes only
- * (maxsize 4 keeps one byte). A null data or a count of 0 leaves the empty
- * string. MEMM_ERR_INVALID_ARG when d is not a live record. */
+ * (maxsize 4 keeps one byte), and at most (DYNSTR_LONG_SIZE_MAX - 1) / 2
+ * bytes are written. A null data or a count of 0 leaves the empty string.
+ * MEMM_ERR_INVALID_ARG when d is not a live record. */
 MEMM_API uint32_t dynstr_sethexstring(dynstr *d, const uint8_t *data, uint32_t count); /* result code */
 
 /* Getters: MEMM_ERR_INVALID_ARG for a null argument, an empty record
@@ -371,7 +409,8 @@ MEMM_API uint32_t dynstr_getipaddr_any(dynstr *d, dynstr_ipaddr *out);  /* resul
  * between each two (separators need not be alike). */
 MEMM_API uint32_t dynstr_getmacaddr(dynstr *d, uint8_t *out6);          /* result code; out6: 6 bytes */
 /* (length + 1) / 2 bytes, an odd last digit as a high nibble; the rest of
- * out is zeroed. MEMM_ERR_BUFFER_TOO_SMALL leaves out untouched. Digits are
+ * out is zeroed. MEMM_ERR_BUFFER_TOO_SMALL (also for a negative outsize)
+ * leaves out untouched. Digits are
  * not validated: other characters give bytes by fixed formulas. An empty
  * record gives 0 bytes. */
 MEMM_API uint32_t dynstr_gethexstring(dynstr *d, uint8_t *out, int32_t outsize); /* result code; MEMM_ERR_BUFFER_TOO_SMALL */
@@ -413,12 +452,10 @@ MEMM_API uint32_t dynstr_replace_char(dynstr *d, char from, char to, uint32_t *c
  *    again into a block of that size. The items are never copied elsewhere.
  * Null when pool is not a string pool, the join fails (a node without a
  * live record, a total of 2147483647 bytes or more, no memory) or no record
- * is left. The record keeps the allocation site stored by its allocation
- * (inside this library), not the caller's.
- * Choices:
- *  - A null sep gives null.
- *  - A join longer than DYNSTR_LONG_SIZE_MAX - 1 characters keeps the whole
- *    items that fit, as a join cut at a maximum size does. */
+ * is left, and for a null sep. A join longer than DYNSTR_LONG_SIZE_MAX - 1
+ * characters keeps the whole items that fit. The record keeps the
+ * allocation site stored by its allocation (inside this library), not the
+ * caller's. */
 MEMM_API dynstr  *dynstr_fromstrlist(uint32_t pool, struct llist_node *list, const char *sep);   /* new record or null */
 /* As dynstr_fromstrlist with the items at positions first .. end - 1 only
  * (positions counted from 0; no negative positions from the end). */

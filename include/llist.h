@@ -8,6 +8,16 @@
  * linked object. Functions that may change the first node take `plist`, the
  * address of the caller's list variable.
  *
+ * Nodes are pool objects: release with memm_free. memm_free of a node (the
+ * first node of a list, or a node detached from its list; never a node that
+ * another node still points to) releases it, the nodes behind it and one
+ * reference of every object they hold (see the cascade below). It returns
+ * MEMM_OK, or MEMM_ERR_HOOK_FAILED when an object's release fails (see
+ * llist_free_plist); its log lines are memm_free's (memm.h). llist_free_plist
+ * does the same for a whole list and clears the caller's variable. A node
+ * pool grows by extension pools like any pool, so nodes are not always
+ * 8-byte aligned (see llist_node).
+ *
  * Ownership, by the word in a function's name:
  *   add, insert, push   the list takes over the caller's reference (addref takes one first)
  *   delete              node released, one reference of the object released
@@ -64,8 +74,8 @@ typedef int     (*llist_enum_fn)(void *obj, void *ctx);               /* non-zer
 /* Node pool arguments. Every function that allocates nodes (add, addref,
  * insert, push, refalloc, and every other list function that makes nodes)
  * takes nodes only from a node pool made by llist_initpool (or from one of
- * its extension pools). Choice: any other id (no pool, a plain pool, a
- * string pool) gives no node, exactly as a node pool that is exhausted:
+ * its extension pools). Any other id (no pool, a plain pool, a string pool)
+ * gives no node, exactly as a node pool that is exhausted:
  * MEMM_ERR_NO_MEMORY, or a skipped node for llist_refalloc; nothing is
  * allocated, the lists and every reference count end as they were, and the
  * list functions log nothing. */
@@ -75,9 +85,10 @@ typedef int     (*llist_enum_fn)(void *obj, void *ctx);               /* non-zer
  * destructor, and when it sets neither print nor print2 the internal node
  * printer becomes print2. Give node pools no free2_ex: it would take
  * precedence over the destructor and break the ownership rules.
- * Choice: an objsize below two pointers (sizeof(llist_node)) is refused with
+ * An objsize below two pointers (sizeof(llist_node)) is refused with
  * MEMM_INVALID_POOL, without a log line and without creating anything. All
- * other failures are memm_initpool's (which logs them). */
+ * other failures are memm_initpool's (which logs them). The name is kept by
+ * pointer, as memm_initpool keeps it. */
 MEMM_API uint32_t llist_initpool(const char *name, int32_t count, int32_t objsize,
                                  const memm_pool_options *options);                    /* node pool id or MEMM_INVALID_POOL; options may be null */
 
@@ -93,9 +104,9 @@ MEMM_API uint32_t llist_addobject_nolock(llist_node **plist, void *obj, uint32_t
 /* As llist_addobject, but takes one more reference of obj first, so the
  * caller keeps its own. When obj cannot take another reference (null, of no
  * pool, or already at MEMM_MAX_REFS holders) a node with a null linked_obj is
- * appended and MEMM_OK returned.
- * Choice: when no node can be allocated (MEMM_ERR_NO_MEMORY) the reference
- * just taken is given back, so obj's count is as before the call. */
+ * appended and MEMM_OK returned. When no node can be allocated
+ * (MEMM_ERR_NO_MEMORY) the reference just taken is given back, so obj's
+ * count is as before the call. */
 MEMM_API uint32_t llist_addref(llist_node **plist, void *obj, uint32_t pool);           /* result code */
 
 /* Builds a new list from `pool` that holds one more reference of each linked
@@ -110,10 +121,9 @@ MEMM_API llist_node *llist_refalloc(llist_node *list, uint32_t pool);           
  * over the caller's reference of obj.
  * MEMM_ERR_NO_MEMORY: no node; obj untouched.
  * MEMM_ERR_INVALID_ARG: plist null (nothing allocated), or the position lies
- * beyond the end (an empty list accepts only index 0).
- * Choice: on a position beyond the end the node allocated for the insert is
- * released without its object: the list is unchanged, no node leaks, and
- * obj's reference stays with the caller, untouched. */
+ * beyond the end (an empty list accepts only index 0); then the list is
+ * unchanged, no node leaks, and obj's reference stays with the caller,
+ * untouched. */
 MEMM_API uint32_t llist_insert_at(llist_node **plist, void *obj, int32_t index, uint32_t pool); /* result code */
 /* llist_insert_at with index 0 (lock reason "llist_insert_at"). */
 MEMM_API uint32_t llist_pushobject(llist_node **plist, void *obj, uint32_t pool);       /* result code */
@@ -144,8 +154,8 @@ MEMM_API uint32_t llist_unlink_at(llist_node **plist, int32_t index);       /* r
 MEMM_API uint32_t llist_unlink_byobject(llist_node **plist, void *obj);     /* result code */
 /* Moves the first node holding obj from *psrc to the end of *pdst; no
  * reference changes. psrc == pdst moves the node to the end of that list.
- * Choice: a null pdst returns MEMM_ERR_INVALID_ARG with the source list
- * unchanged (checked before anything is detached). */
+ * A null pdst returns MEMM_ERR_INVALID_ARG with the source list unchanged
+ * (checked before anything is detached). */
 MEMM_API uint32_t llist_move_byobject(llist_node **psrc, llist_node **pdst, void *obj); /* result code */
 /* Releases the node at index and returns its object with the list's
  * reference (lock reason "llist_cut_at"); null on any failure, and for a node
@@ -197,8 +207,8 @@ MEMM_API uint32_t llist_getreallength(llist_node *list);                  /* nod
  * returns the release's result. The cascade stops at the first object whose
  * release fails (MEMM_ERR_HOOK_FAILED): the nodes before it are released, the
  * failing node and those behind it stay allocated and unreachable, and so does
- * the first node, with its object and a null next.
- * Choice: a null plist returns MEMM_ERR_INVALID_ARG. */
+ * the first node, with its object and a null next. A null plist returns
+ * MEMM_ERR_INVALID_ARG. */
 MEMM_API uint32_t llist_free_plist(llist_node **plist);                   /* result code of the release; *plist set to null */
 
 /* ================= Sorting, splitting, cloning, joining ================= */
@@ -219,9 +229,8 @@ MEMM_API uint32_t llist_sort_ex(llist_node **plist, void *ctx, llist_compare_ex_
  * to; in a list sorted by cmp the list stays sorted. The list takes over the
  * caller's reference of obj.
  * Always MEMM_OK: when no node can be allocated nothing is added and obj is
- * untouched (the caller keeps its reference).
- * Choice: a null plist or cmp adds nothing either (checked before any node is
- * allocated), so obj stays the caller's; callers are expected to give both. */
+ * untouched (the caller keeps its reference); so does a null plist or cmp
+ * (checked before any node is allocated). */
 MEMM_API uint32_t llist_insert_sorted(llist_node **plist, void *obj, uint32_t pool,
                                       llist_compare_fn cmp);                               /* always MEMM_OK */
 /* Reverses the whole chain in one pass by relinking; nothing is allocated.
@@ -236,8 +245,8 @@ MEMM_API uint32_t llist_reverse(llist_node **plist);                            
  *   index == length: null, the list is whole;
  *   otherwise an index beyond the end or still negative after adding the
  *     length, or a first node that is not a valid pool object: null, the
- *     list unchanged.
- * Choice: a null plist returns null. */
+ *     list unchanged;
+ *   a null plist: null. */
 MEMM_API llist_node *llist_split_at(llist_node **plist, int32_t index);                   /* first node of the cut-off tail, or null */
 /* Appends to *pdst a copy by reference of `src` up to its length (the first
  * node with a null linked_obj ends the copy): one new node of `pool` per
@@ -248,10 +257,9 @@ MEMM_API llist_node *llist_split_at(llist_node **plist, int32_t index);         
  * "llist_refalloc".
  * MEMM_ERR_NO_MEMORY: the node pool gave no node; then the WHOLE destination
  * list is released (the nodes it held before the call included, with one
- * reference of each of their objects) and *pdst is set to null.
- * Choice: the reference taken for the object whose node could not be had is
- * given back, so the copied objects' counts are as before the call.
- * Choice: a null pdst returns MEMM_ERR_INVALID_ARG and takes nothing. */
+ * reference of each of their objects) and *pdst is set to null; the
+ * reference taken for the object whose node could not be had is given back.
+ * A null pdst returns MEMM_ERR_INVALID_ARG and takes nothing. */
 MEMM_API uint32_t llist_clone(llist_node **pdst, llist_node *src, uint32_t pool);         /* MEMM_OK or MEMM_ERR_NO_MEMORY */
 /* Joining: the nodes of `list` move into *plist as they are (nothing copied,
  * no reference changes); afterwards they belong to *plist and must not be

@@ -20,26 +20,13 @@
  * wrappers (strlist_getdynstr_at, strlist_getuint32_at, strlist_getulong_at,
  * delete/remove, the joins), whose called functions lock for themselves.
  *
- * Choices this implementation makes where the design leaves room:
- *  - Items made by an add or a building operation (and their nodes) record
- *    the caller of that operation as their allocation site, so a listing
- *    names the line that built the list.
- *  - When the node pool gives no node for a new item, the new record is
- *    released (nothing leaks) and the add returns MEMM_ERR_NO_MEMORY; a
- *    building operation leaves such an item out.
- *  - A null plist is refused with MEMM_ERR_INVALID_ARG before a record is
- *    made.
- *  - strlist_adduint32 / strlist_addulong make the record and its node
- *    under one hold of the lock, like the other adds.
- *  - An empty (or null) separator for strlist_fromstring /
- *    strlist_fromdynstr gives one item holding the whole text.
- *  - In strlist_fromstring a piece whose record cannot be made is left out,
- *    as in strlist_fromdynstr (no node with a null object that would end the
- *    list's length).
- *  - strlist_fromdynstr remembers where the next piece starts as an offset
- *    into the record's text instead of searching from the start for every
- *    piece: the same pieces in linear time.
- *  - strlist_fromstringarr of a null array gives the empty list.
+ * Items made by an add or a building operation (and their nodes) record the
+ * caller of that operation as their allocation site, so a listing names the
+ * line that built the list. When the node pool gives no node for a new item,
+ * the new record is released (nothing leaks): an add returns
+ * MEMM_ERR_NO_MEMORY, a building operation leaves the item out. Functions of
+ * this family log nothing themselves; the pool and string functions they
+ * call log their own failures (memm.h, dynstr.h).
  */
 #ifndef STRLIST_H
 #define STRLIST_H
@@ -58,13 +45,15 @@ extern "C" {
 /* Appends a new record holding a copy of s.
  * MEMM_ERR_NO_MEMORY: the record could not be made (null s, strpool not a
  * string pool, no record or no room) or no node was left (the record is
- * released); the list is unchanged. MEMM_ERR_INVALID_ARG: plist null. */
+ * released); the list is unchanged. MEMM_ERR_INVALID_ARG: plist null,
+ * refused before a record is made. The other adds share these results. */
 MEMM_API uint32_t strlist_addstring(llist_node **plist, const char *s, uint32_t nodepool, uint32_t strpool);        /* result code */
 MEMM_API uint32_t strlist_addstring_nolock(llist_node **plist, const char *s, uint32_t nodepool, uint32_t strpool); /* result code */
 /* As strlist_addstring, but the item refers to literal, which must outlive
  * it and never change. */
 MEMM_API uint32_t strlist_addliteral(llist_node **plist, const char *literal, uint32_t nodepool, uint32_t strpool); /* result code; item refers to literal */
-/* As strlist_addstring with the decimal text of v. */
+/* As strlist_addstring with the decimal text of v (record and node made
+ * under one hold of the lock). */
 MEMM_API uint32_t strlist_adduint32(llist_node **plist, uint32_t v, uint32_t nodepool, uint32_t strpool);          /* result code */
 MEMM_API uint32_t strlist_addulong(llist_node **plist, uint32_t v, uint32_t nodepool, uint32_t strpool);           /* result code; 32-bit, same as strlist_adduint32 */
 /* llist_addobject and llist_addref for records (see llist.h). */
@@ -72,13 +61,15 @@ MEMM_API uint32_t strlist_adddynstr(llist_node **plist, dynstr *d, uint32_t node
 MEMM_API uint32_t strlist_addref(llist_node **plist, dynstr *d, uint32_t nodepool);     /* result code; list takes one more reference */
 /* Splits s at every occurrence of sep (matched as a whole): n occurrences
  * give n + 1 items; leading, trailing and adjacent separators give empty
- * items, and "" gives one empty item. No white space is removed. Pieces that
- * cannot be stored are left out. s must not lie in a buffer of strpool. */
+ * items, and "" gives one empty item. A null or empty sep gives one item
+ * holding the whole text. No white space is removed. Pieces that cannot be
+ * stored are left out (no node with a null object is made, which would end
+ * the list's length). s must not lie in a buffer of strpool. */
 MEMM_API llist_node *strlist_fromstring(const char *s, const char *sep, uint32_t nodepool, uint32_t strpool); /* new list (null for null s) */
-/* The same split of d's text; the items go into d's own string pool. The
- * text may move while the pieces are made (they may collect its buffer), so
- * pieces are cut by offset. A d that is not a live record gives the empty
- * list. */
+/* The same split of d's text, in linear time; the items go into d's own
+ * string pool. The text may move while the pieces are made (they may collect
+ * its buffer), so pieces are cut by offset. A d that is not a live record
+ * gives the empty list. */
 MEMM_API llist_node *strlist_fromdynstr(dynstr *d, const char *sep, uint32_t nodepool);  /* new list, items in d's pool (null for null d) */
 /* Splits s at every sep that esc does not escape, decoding s in place: an
  * esc before any character stands for that character (also sep or esc), and
@@ -90,7 +81,7 @@ MEMM_API llist_node *strlist_fromdynstr(dynstr *d, const char *sep, uint32_t nod
 MEMM_API llist_node *strlist_fromstring_escaped(char *s, char sep, char esc, uint32_t nodepool,
                                                 uint32_t strpool);                      /* new list or null; s is decoded in place */
 /* One item per entry of the null-terminated array, in order; entries that
- * cannot be stored are left out. */
+ * cannot be stored are left out. A null array gives the empty list. */
 MEMM_API llist_node *strlist_fromstringarr(const char *const *arr, uint32_t nodepool, uint32_t strpool); /* new list; arr null-terminated */
 /* A new list with a copy of every item's text in new records of strpool (a
  * literal item becomes a buffered copy; an item that is not a live record
