@@ -17,7 +17,11 @@ namespace memm_detail {
 
 namespace {
 
+// Pool 0's hooks: `print` writes to standard output; `print2`, which the
+// listings prefer, writes where the rest of the listing goes (a list file,
+// the caller's print function).
 void print_pooldesc(void *obj) { printf(" - '%s'", static_cast<memm_pooldesc *>(obj)->name); }
+void print2_pooldesc(void *obj, memm_print_fn print) { print(" - '%s'", static_cast<memm_pooldesc *>(obj)->name); }
 
 size_t page_round(size_t bytes) {
     size_t page = size_t(sysconf(_SC_PAGESIZE));
@@ -113,6 +117,7 @@ uint32_t loc_init_pooldesc(uint32_t capacity) {
         p0->storage = table;
         p0->slotsize = kDescSlotSize;
         p0->options.print = print_pooldesc;
+        p0->options.print2 = print2_pooldesc;
         p0->cur_count = p0->max_count = 1;
     }
     p0->alloc_count = capacity;
@@ -209,6 +214,7 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
         loc_log("[MEMM] Error: memm_init() needs room for at least 2 pools (asked for %u)", pool_count);
         return MEMM_ERR_INVALID_ARG;
     }
+    loc_read_environment();
     // The lock needs no creation (it is ready from static initialisation),
     // so a call that comes before memm_init cannot meet an unready lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)

@@ -99,6 +99,15 @@ TEST(ListingObjects, OptionsLimitExtensionsAndCountCheck) {
             << c[0] << " " << c[1];
     }
     EXPECT_EQ(listing("nothing", 0), "\r\n");
+    // Standard output gets only the line that ends each pool's objects; the
+    // rest, pool 0's descriptor lines included, goes to the print function.
+    std::string every_pool, pool_ends;
+    const std::string out = output_to_fd(1, [&every_pool] { every_pool = listing(nullptr, 0); });
+    const char *const kObjects = "LIST OF OBJECTS";
+    for (size_t at = every_pool.find(kObjects); at != std::string::npos; at = every_pool.find(kObjects, at + 1))
+        pool_ends += "\r\n";
+    EXPECT_EQ(out, pool_ends);
+    EXPECT_NE(every_pool.find(" - 'other'"), std::string::npos);
 
     // String pools hide deleted placeholders on request, through their list_filter.
     const uint32_t strings = dynstr_initpool("hiding", 20, 4096);
