@@ -176,6 +176,14 @@ typedef struct memm_pooldesc {
  * A pool's gc hook is asked at most 64 times for one allocation (attempts 0
  * to 63); after that the allocation fails as if the hook had given up.
  */
+/* Environment variables, read once by memm_init:
+ *  - MEMM_LOG=stderr: every diagnostic line, which always goes to syslog at
+ *    LOG_DEBUG, is also written to standard error, followed by a newline.
+ *    (A diagnostic logged before memm_init looks at the variable itself.)
+ *  - MEMM_REPORT_DIR=<folder>: every dump and list file is written into that
+ *    folder, under its usual file name, instead of /var or /root. Unset or
+ *    empty: the usual folders. A path longer than PATH_MAX is logged
+ *    ("Could not open ... file") and the report is not written. */
 MEMM_API uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count);   /* result code; MEMM_ERR_ALREADY_INITIALIZED on a 2nd call; dynstr_pool_count 0 = no string family; no lock (creates it) */
 MEMM_API uint32_t memm_initpool(const char *name, int32_t count, int32_t objsize,
                                 const memm_pool_options *options);              /* pool id or MEMM_INVALID_POOL; options may be null */
