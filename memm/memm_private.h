@@ -302,10 +302,11 @@ class PoolLock {
 };
 
 // ---- logging --------------------------------------------------------------
-// Formats into a stack buffer and sends the line to syslog at LOG_DEBUG.
+// Formats into a stack buffer and sends the line to syslog at LOG_DEBUG,
+// and to standard error as well under MEMM_LOG=stderr.
 MEMM_INTERNAL void loc_log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// ---- settings from the environment ---------------------------------------------
+// ---- settings from the environment ----------------------------------------
 // Reads MEMM_LOG and MEMM_REPORT_DIR; memm_init calls it once. Takes the lock.
 MEMM_INTERNAL void loc_read_environment();
 // Whether diagnostics also go to standard error (MEMM_LOG=stderr).
