@@ -90,6 +90,8 @@ TEST(CxxLayer, RefsHoldOneReferenceEach) {
         ASSERT_EQ(memm_get_pool_nolock(pool)->cur_count, holders.size()) << "step " << step;
     }
 
+    EXPECT_NE(memm_get_pool_nolock(pool)->flags & MEMM_POOLFLAG_DEPLETION_REPORTED, 0); // alloc met a full pool
+
     // A released object cannot be shared again: the ref stays empty, the bad
     // reference is logged.
     refs.assign(refs.size(), item_ref());
