@@ -9,6 +9,7 @@ install(TARGETS memm EXPORT memmTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES
   ${PROJECT_SOURCE_DIR}/include/memm.h
+  ${PROJECT_SOURCE_DIR}/include/memm.hpp
   ${PROJECT_SOURCE_DIR}/include/dynstr.h
   ${PROJECT_SOURCE_DIR}/include/llist.h
   ${PROJECT_SOURCE_DIR}/include/strlist.h

@@ -206,9 +206,14 @@ typedef struct memm_pooldesc {
  *
  * Environment, read once by memm_init:
  *   MEMM_LOG=stderr           every diagnostic line is also written to
- *                             standard error (default: syslog only, LOG_DEBUG).
+ *                             standard error, followed by a newline (default:
+ *                             syslog only, LOG_DEBUG). A diagnostic logged
+ *                             before memm_init looks at the variable itself.
  *   MEMM_REPORT_DIR=<folder>  every dump and list file is written into that
- *                             folder instead of /var or /root, same file names.
+ *                             folder instead of /var or /root, same file
+ *                             names. Unset or empty: the usual folders. A
+ *                             path longer than PATH_MAX is logged ("Could not
+ *                             open ... file") and the report is not written.
  */
 MEMM_API uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count);   /* result code (above); no lock */
 
@@ -507,7 +512,12 @@ MEMM_API int      memm_printobject(void *obj, int details);                     
  * L + 1 objects in use of each pool (counted before the tag and filter
  * tests); 0, or a limit above 2^31 - 1, lists all. When a pool's walk
  * finds another number of objects than its count, "[MEMM] ERROR: actual
- * object count (%d) differs from pool count (%d)\r\n" is logged. */
+ * object count (%d) differs from pool count (%d)\r\n" is logged.
+ * Two pieces go to standard output whatever print is (also when a listing
+ * goes to a list file): the line end after each pool's objects ("\r" and a
+ * newline), and the descriptor lines of pool 0 ("memm_pooldesc"), whose
+ * print hook writes " - '%s'" with the pool's name by printf. A prefix that
+ * does not select "memm_pooldesc" keeps the latter off the console. */
 MEMM_API void     memm_print_objects4(const char *prefix, uint32_t options, memm_print_fn print,
                                       uint32_t limit);                            /* nothing; options MEMM_LIST_OPT_*, limit 0 = none */
 MEMM_API void     memm_print_objects3(const char *prefix, uint32_t options, memm_print_fn print); /* nothing; limit 0 */

@@ -30,7 +30,7 @@ int loc_dumpfile_printf(const char *fmt, ...) {
 // Appends "Info: <info>" and the usage table of the pools that `prefix`
 // selects to /root/memm_dump_pool_depleted_<pid> (reason "pool_depleted"),
 // /var/memm_dump_tagging_<number> (reason "tagging"), or
-// /var/memm_dump_<reason>_<pid>. A file that cannot be opened, or whose name
+// /var/memm_dump_<reason>_<pid>; MEMM_REPORT_DIR replaces both folders. A file that cannot be opened, or whose name
 // does not fit its buffer, is logged and nothing is written. Holds the lock
 // for the whole file, so a dump requested in one thread and a depletion in
 // another never write into each other's file or cut it short.
@@ -39,9 +39,8 @@ void loc_memm_dump_stats(const char *prefix, uint32_t number, const char *reason
     const int file_number = strcmp(reason, MEMM_REASON_TAGGING) == 0 ? int(number) : int(getpid());
     const bool depleted = strcmp(reason, MEMM_REASON_POOL_DEPLETED) == 0;
     char path[kReportPathSize];
-    const int len = snprintf(path, sizeof path, depleted ? "/root/memm_dump_%s_%d" : "/var/memm_dump_%s_%d", reason,
-                             file_number);
-    FILE *file = len >= 0 && size_t(len) < sizeof path ? fopen(path, "a") : nullptr;
+    const bool fits = loc_report_path(path, depleted ? "/root" : "/var", "memm_dump_%s_%d", reason, file_number);
+    FILE *file = fits ? fopen(path, "a") : nullptr;
     if (!file) {
         loc_log("Could not open %s stats file", path);
         return;

@@ -38,7 +38,7 @@ int loc_listfile_printf(const char *fmt, ...) {
 
 // Appends a listing of the pools that `prefix` selects (untagged objects, or
 // tagged ones with `only_tagged`) to /var/memm_list_profiling_<n> or
-// /root/memm_list_pool_depleted_<pid>; a depletion list shows at most the
+// /root/memm_list_pool_depleted_<pid> (or into MEMM_REPORT_DIR); a depletion list shows at most the
 // last 251 objects of each pool. Other reasons do nothing. A file that cannot
 // be opened, or whose name does not fit its buffer, is logged and nothing is
 // written. Holds the lock for the whole file: a profiling list and a
@@ -51,9 +51,9 @@ void loc_handle_list_objects(const char *prefix, int only_tagged, int hide_delet
         return;
     PoolLock lock("memm_handle_list_objects");
     char path[kReportPathSize];
-    const int len = depleted ? snprintf(path, sizeof path, "/root/memm_list_%s_%d", reason, int(getpid()))
-                             : snprintf(path, sizeof path, "/var/memm_list_%s_%d", reason, next_profiling_number());
-    FILE *file = len >= 0 && size_t(len) < sizeof path ? fopen(path, "a") : nullptr;
+    const bool fits = depleted ? loc_report_path(path, "/root", "memm_list_%s_%d", reason, int(getpid()))
+                               : loc_report_path(path, "/var", "memm_list_%s_%d", reason, next_profiling_number());
+    FILE *file = fits ? fopen(path, "a") : nullptr;
     if (!file) {
         loc_log("Could not open %s file", path);
         return;

@@ -1,5 +1,6 @@
 // The process-wide recursive lock (its fast halves are inline in
-// memm_private.h) and the diagnostic log.
+// memm_private.h) and the diagnostic log: syslog at LOG_DEBUG, and also
+// standard error under MEMM_LOG=stderr.
 //
 // Waiting: a thread that finds the word taken swaps in 2 and sleeps on the
 // futex while the word stays 2. A thread that gets the lock this way leaves
@@ -13,6 +14,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -53,9 +55,15 @@ void loc_log(const char *fmt, ...) {
     char line[512];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(line, sizeof line, fmt, ap);
+    const int n = vsnprintf(line, sizeof line, fmt, ap);
     va_end(ap);
     syslog(LOG_DEBUG, "%s", line);
+    if (n >= 0 && loc_log_to_stderr()) {
+        // One write per line, so lines of two threads never interleave.
+        iovec parts[2] = {{line, n < int(sizeof line) ? size_t(n) : sizeof line - 1}, {const_cast<char *>("\n"), 1}};
+        ssize_t ignored = writev(STDERR_FILENO, parts, 2);
+        (void)ignored;
+    }
 }
 
 } // namespace memm_detail

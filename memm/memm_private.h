@@ -23,6 +23,7 @@
 #define MEMM_PRIVATE_H
 
 #include <errno.h>
+#include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -301,8 +302,15 @@ class PoolLock {
 };
 
 // ---- logging --------------------------------------------------------------
-// Formats into a stack buffer and sends the line to syslog at LOG_DEBUG.
+// Formats into a stack buffer and sends the line to syslog at LOG_DEBUG,
+// and to standard error as well under MEMM_LOG=stderr.
 MEMM_INTERNAL void loc_log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- settings from the environment ----------------------------------------
+// Reads MEMM_LOG and MEMM_REPORT_DIR; memm_init calls it once. Takes the lock.
+MEMM_INTERNAL void loc_read_environment();
+// Whether diagnostics also go to standard error (MEMM_LOG=stderr).
+MEMM_INTERNAL bool loc_log_to_stderr();
 
 // ---- registry (lock held unless noted) --------------------------------------
 MEMM_INTERNAL uint32_t loc_init_pooldesc(uint32_t capacity);
@@ -353,7 +361,13 @@ inline int32_t loc_percent(uint32_t part, uint32_t whole) {
 }
 // Report and list files are named in a buffer of this size; a name that does
 // not fit is refused like a file that cannot be opened, never cut.
-constexpr size_t kReportPathSize = 64;
+constexpr size_t kReportPathSize = PATH_MAX;
+// Writes the path of report file `fmt`... into `path`: in MEMM_REPORT_DIR
+// when memm_init found it set, else in `default_dir`. False when the path
+// does not fit (or MEMM_REPORT_DIR was too long); `path` then holds what did.
+// Lock held.
+MEMM_INTERNAL bool loc_report_path(char (&path)[kReportPathSize], const char *default_dir, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 // The usage table through `print` (nothing when null). Takes the lock.
 MEMM_INTERNAL void loc_print_stats(const char *prefix, memm_print_fn print);
 // The object line of `slot` (null allowed) through `print`. Lock held.

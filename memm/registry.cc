@@ -17,6 +17,8 @@ namespace memm_detail {
 
 namespace {
 
+// Pool 0's only hook; it writes to standard output whatever the listing's
+// print function is (memm.h says so where listings are described).
 void print_pooldesc(void *obj) { printf(" - '%s'", static_cast<memm_pooldesc *>(obj)->name); }
 
 size_t page_round(size_t bytes) {
@@ -209,6 +211,7 @@ uint32_t memm_init(uint32_t pool_count, uint32_t dynstr_pool_count) {
         loc_log("[MEMM] Error: memm_init() needs room for at least 2 pools (asked for %u)", pool_count);
         return MEMM_ERR_INVALID_ARG;
     }
+    loc_read_environment();
     // The lock needs no creation (it is ready from static initialisation),
     // so a call that comes before memm_init cannot meet an unready lock.
     if (loc_init_pooldesc(pool_count) != MEMM_OK)

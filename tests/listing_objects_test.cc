@@ -99,6 +99,16 @@ TEST(ListingObjects, OptionsLimitExtensionsAndCountCheck) {
             << c[0] << " " << c[1];
     }
     EXPECT_EQ(listing("nothing", 0), "\r\n");
+    // Standard output gets the line that ends each pool's objects and pool
+    // 0's descriptor lines; the rest goes to the print function.
+    std::string every_pool, expected;
+    const std::string out = output_to_fd(1, [&every_pool] { every_pool = listing(nullptr, 0); });
+    const char *const kObjects = "LIST OF OBJECTS";
+    for (size_t at = every_pool.find(kObjects); at != std::string::npos; at = every_pool.find(kObjects, at + 1))
+        expected += "\r\n";
+    EXPECT_EQ(out.substr(0, 10), " - 'memm_p");
+    EXPECT_EQ(out.substr(out.size() - expected.size() + 2), expected.substr(2));
+    EXPECT_EQ(every_pool.find(" - 'other'"), std::string::npos);
 
     // String pools hide deleted placeholders on request, through their list_filter.
     const uint32_t strings = dynstr_initpool("hiding", 20, 4096);

@@ -53,6 +53,7 @@ TEST(ReportFiles, DepletionWritesOneDumpAndOneListing) {
 }
 
 TEST(ReportFiles, TaggingDumpsAndProfilingLists) {
+    setenv("MEMM_LOG", "stderr", 1); // read by memm_init: diagnostics also go to standard error
     ASSERT_EQ(memm_init(8, 0), MEMM_OK);
     memm_calloc(memm_initpool("listed", 4, 8, nullptr));
     for (const char *reason : {MEMM_REASON_TAGGING, "other", static_cast<const char *>(nullptr)})
@@ -60,11 +61,18 @@ TEST(ReportFiles, TaggingDumpsAndProfilingLists) {
     memm_handle_tag_objects("listed", 1, 8, MEMM_REASON_PROFILING); // not a dumping reason: only tags
     EXPECT_NE(listing("listed", MEMM_LIST_OPT_ONLY_TAGGED).find(".[tagged]"), std::string::npos);
     set_report_folders_unwritable(true);
-    memm_handle_tag_objects("listed", 0, 3, MEMM_REASON_TAGGING);
-    memm_handle_list_objects("listed", 1, 0, MEMM_REASON_PROFILING);
+    clear_logs();
+    const std::string on_stderr = output_to_fd(2, [] {
+        memm_handle_tag_objects("listed", 0, 3, MEMM_REASON_TAGGING);
+        memm_handle_list_objects("listed", 1, 0, MEMM_REASON_PROFILING);
+    });
     set_report_folders_unwritable(false);
-    EXPECT_EQ(log_count("Could not open /var/memm_dump_tagging_3 stats file"), 1u);
-    EXPECT_EQ(log_count("Could not open /var/memm_list_profiling_1 file"), 1u);
+    EXPECT_EQ(log_count("Could not open " + report_path("/var/memm_dump_tagging_3") + " stats file"), 1u);
+    EXPECT_EQ(log_count("Could not open " + report_path("/var/memm_list_profiling_1") + " file"), 1u);
+    std::string logged;
+    for (const std::string &line : log_texts())
+        logged += line + "\n";
+    EXPECT_EQ(on_stderr, logged);
     EXPECT_EQ(listing("listed", MEMM_LIST_OPT_ONLY_TAGGED).find(".[tagged]"),
               std::string::npos); // untagged all the same
 
@@ -72,7 +80,10 @@ TEST(ReportFiles, TaggingDumpsAndProfilingLists) {
     memm_handle_tag_objects("listed", 0, 7, MEMM_REASON_TAGGING);
     const std::string dump = dump_info("Tagging done using memm_handle_tag_objects.") + usage_table("listed");
     EXPECT_EQ(read_report_file("/var/memm_dump_tagging_7"), dump + dump);
-    for (int i = 0; i < 256; i++) // the failed list used up number 1
+    // A list file gets the whole listing; standard output only the line
+    // that ends each pool's objects.
+    EXPECT_EQ(output_to_fd(1, [] { memm_handle_list_objects("listed", 1, 0, MEMM_REASON_PROFILING); }), "\r\n");
+    for (int i = 0; i < 255; i++) // the failed list used up number 1
         memm_handle_list_objects("listed", 1, 0, MEMM_REASON_PROFILING);
     std::vector<std::string> names{"/var/memm_dump_tagging_7", "/var/memm_list_profiling_0"};
     for (int n = 2; n <= 255; n++)

@@ -1,10 +1,11 @@
 // A C++ program built against memm the way another project builds: it
 // checks that the version header agrees with the version the build found,
-// then uses a pool and a dynamic string.
+// then uses a pool and a dynamic string, through the C API and memm.hpp.
 #include <cstdio>
 #include <cstring>
 
 #include "dynstr.h"
+#include "memm.hpp"
 #include "memm_version.h"
 
 #define MEMM_STR2(x) #x
@@ -40,6 +41,12 @@ int main() {
     dynstr *text = dynstr_fromprintf(strings, "%s-%ld", "uplink", 42L);
     if (!text || std::strcmp(dynstr_getstring(text), "uplink-42") != 0)
         return fail("dynstr_fromprintf");
+    {
+        const memm::ref<record> shared = memm::ref<record>::share(r);
+        const memm::dynstring peer(strings, "peer");
+        if (!shared || memm_get_refcount(r) != 2 || peer.str() != "peer")
+            return fail("memm.hpp");
+    }
     if (memm_free(text) != MEMM_OK || memm_free(r) != MEMM_OK)
         return fail("memm_free");
     std::printf("consumer (%s): memm %s works\n", MEMM_CONSUMER_KIND, MEMM_VERSION_STRING);

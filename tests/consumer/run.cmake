@@ -17,6 +17,8 @@ set(consumer_dir ${SOURCE_DIR}/tests/consumer)
 set(prefix ${WORK_DIR}/prefix)
 string(REPLACE "|" ";" emulator "${EMULATOR}")
 separate_arguments(flags UNIX_COMMAND "${FLAGS}")
+# Any report file a consumer program writes stays in the work folder.
+set(ENV{MEMM_REPORT_DIR} ${WORK_DIR})
 
 # run(STEP command...): runs the command, stops the test with its output if
 # it fails, and leaves its output in `output`.

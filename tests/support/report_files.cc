@@ -1,10 +1,11 @@
 #include "report_files.h"
 
-#include <dlfcn.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -18,53 +19,59 @@ namespace memm_test {
 
 namespace {
 
-const char *const kRedirected[] = {"/var/", "/root/"};
-// A plain array, not a std::string: the exit handler may run after static destructors.
+// Plain arrays, not std::strings: the exit handler may run after static destructors.
 char g_folder[] = "/tmp/memm_reports_XXXXXX";
-bool g_unwritable = false;
+char g_aside[sizeof g_folder + 6];
 std::string g_printed;
 
-// The process's folder, made on first use with one subfolder per redirected prefix.
-std::string folder() {
-    static const bool made = [] {
-        if (!mkdtemp(g_folder))
-            abort();
-        for (const char *prefix : kRedirected)
-            std::filesystem::create_directory(g_folder + std::string(prefix));
-        return atexit([] {
-                   std::error_code ignored;
-                   std::filesystem::remove_all(g_folder, ignored);
-               }) == 0;
-    }();
-    return made ? g_folder : "";
-}
+// Runs before main, so before any memm_init of the process.
+const bool g_folder_made = [] {
+    if (!mkdtemp(g_folder) || setenv("MEMM_REPORT_DIR", g_folder, 1) != 0)
+        abort();
+    snprintf(g_aside, sizeof g_aside, "%s.aside", g_folder);
+    return atexit([] {
+               std::error_code ignored;
+               std::filesystem::remove_all(g_aside, ignored);
+               std::filesystem::remove_all(g_folder, ignored);
+           }) == 0;
+}();
 
-FILE *open_redirected(const char *real_name, const char *path, const char *mode) {
-    auto real = reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, real_name));
-    for (const char *prefix : kRedirected)
-        if (path && strncmp(path, prefix, strlen(prefix)) == 0)
-            return g_unwritable ? nullptr : real((folder() + path).c_str(), mode);
-    return real(path, mode);
+// The library's default folder of a report file: depletion reports go to /root.
+std::string default_path(const std::string &name) {
+    const bool depleted = name.find("_pool_depleted_") != std::string::npos;
+    return (depleted ? "/root/" : "/var/") + name;
 }
 
 } // namespace
 
+std::string report_path(const std::string &library_path) {
+    return std::string(g_folder) + "/" + std::filesystem::path(library_path).filename().string();
+}
+
 std::string read_report_file(const std::string &library_path) {
     std::ostringstream content;
-    content << std::ifstream(folder() + library_path).rdbuf();
+    content << std::ifstream(report_path(library_path)).rdbuf();
     return content.str();
 }
 
 std::vector<std::string> report_files() {
     std::vector<std::string> out;
-    for (const char *prefix : kRedirected)
-        for (const auto &entry : std::filesystem::directory_iterator(folder() + prefix))
-            out.push_back(prefix + entry.path().filename().string());
+    for (const auto &entry : std::filesystem::directory_iterator(g_folder))
+        out.push_back(default_path(entry.path().filename().string()));
     std::sort(out.begin(), out.end());
     return out;
 }
 
-void set_report_folders_unwritable(bool unwritable) { g_unwritable = unwritable; }
+// The tests run as root, whom no permission stops: the folder is moved
+// aside and a plain file put at its path.
+void set_report_folders_unwritable(bool unwritable) {
+    if (unwritable) {
+        if (rename(g_folder, g_aside) != 0 || close(open(g_folder, O_WRONLY | O_CREAT | O_EXCL, 0600)) != 0)
+            abort();
+    } else if (unlink(g_folder) != 0 || rename(g_aside, g_folder) != 0) {
+        abort();
+    }
+}
 
 int print_capture(const char *format, ...) {
     va_list ap;
@@ -80,6 +87,24 @@ int print_capture(const char *format, ...) {
 }
 
 std::string take_printed() { return std::exchange(g_printed, std::string()); }
+
+std::string output_to_fd(int fd, const std::function<void()> &run) {
+    fflush(nullptr);
+    char name[] = "/tmp/memm_fd_XXXXXX";
+    const int capture = mkstemp(name);
+    const int saved = dup(fd);
+    if (capture < 0 || saved < 0 || dup2(capture, fd) < 0)
+        abort();
+    run();
+    fflush(nullptr);
+    dup2(saved, fd);
+    close(saved);
+    close(capture);
+    std::ostringstream content;
+    content << std::ifstream(name).rdbuf();
+    unlink(name);
+    return content.str();
+}
 
 std::string usage_table(const char *prefix) {
     take_printed();
@@ -103,8 +128,3 @@ std::vector<void *> fill(uint32_t pool, int n) {
 unsigned long addr(const void *p) { return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)); }
 
 } // namespace memm_test
-
-extern "C" {
-FILE *fopen(const char *path, const char *mode) { return memm_test::open_redirected("fopen", path, mode); }
-FILE *fopen64(const char *path, const char *mode) { return memm_test::open_redirected("fopen64", path, mode); }
-}

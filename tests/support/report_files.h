@@ -1,28 +1,33 @@
 // Keeps the library's report files out of the machine's /var and /root, and
-// captures what reports print. Every test binary defines fopen and fopen64
-// (they take precedence over the C library's for calls made from libmemm.so):
-// a path beginning with "/var/" or "/root/" is opened inside a temporary
-// folder of this process, removed when the process ends.
+// captures what reports print. Before main, every test binary points
+// MEMM_REPORT_DIR at a temporary folder of its own process, removed when the
+// process ends; memm_init then puts every dump and list file there.
 #ifndef MEMM_TEST_REPORT_FILES_H
 #define MEMM_TEST_REPORT_FILES_H
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace memm_test {
 
-// Content of a library path such as "/var/memm_dump_tagging_7", "" when absent.
+// Content of the file that a library path such as "/var/memm_dump_tagging_7"
+// names by default, "" when absent.
 std::string read_report_file(const std::string &library_path);
-// Library paths of every report file that exists now, sorted.
+// Where the library writes the file that `library_path` names by default.
+std::string report_path(const std::string &library_path);
+// Default library paths of every report file that exists now, sorted.
 std::vector<std::string> report_files();
-// While set, every redirected open fails as an unwritable folder would.
+// While set, the report folder cannot receive files (a plain file takes its place).
 void set_report_folders_unwritable(bool unwritable);
 
 // A print function that collects its text; take_printed() returns it and starts anew.
 int print_capture(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string take_printed();
+// What `run` writes to file descriptor `fd` (1 or 2).
+std::string output_to_fd(int fd, const std::function<void()> &run);
 
 // The usage table and the object listing as print_capture collects them.
 std::string usage_table(const char *prefix);
