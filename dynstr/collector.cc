@@ -25,6 +25,7 @@
 // current, so the buffers take turns and each is compacted just before new
 // text goes into it again. It touches one buffer and allocates nothing: the
 // scratch space of its walk (below) is allocated with the pool.
+#include "../memm/poison.h"
 #include "dynstr_private.h"
 
 namespace dynstr_detail {
@@ -32,6 +33,27 @@ namespace dynstr_detail {
 namespace {
 
 using memm_detail::loc_log;
+
+// Slides n bytes of text down to dst (below src, the ranges may overlap).
+// Texts of up to 64 bytes are loaded whole before they are stored, without
+// the call.
+inline void move_down(char *dst, const char *src, size_t n) {
+    if (n > 64 || n < 16) {
+        memmove(dst, src, n);
+    } else if (n > 32) {
+        char head[32], tail[32];
+        memcpy(head, src, 32);
+        memcpy(tail, src + n - 32, 32);
+        memcpy(dst, head, 32);
+        memcpy(dst + n - 32, tail, 32);
+    } else {
+        char head[16], tail[16];
+        memcpy(head, src, 16);
+        memcpy(tail, src + n - 16, 16);
+        memcpy(dst, head, 16);
+        memcpy(dst + n - 16, tail, 16);
+    }
+}
 
 // The collector trusts the list but says so when it finds it out of order.
 void check_order(const dynstr *cur, const dynstr *next, uint32_t g) {
@@ -45,12 +67,35 @@ void check_order(const dynstr *cur, const dynstr *next, uint32_t g) {
         loc_log("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.");
 }
 
-// A record of the pool's storage whose slot is in use: one the back chain
-// may read, whatever a damaged prev link pointed it to.
-bool in_use(const memm_pooldesc *records, const dynstr *d) {
-    const uint8_t *slot = memm_detail::obj_to_slot(const_cast<dynstr *>(d));
-    return memm_detail::loc_in_storage(records, slot) && memm_detail::hdr_state(slot) != MEMM_STATE_FREE;
-}
+// The record pool as the walk checks its records: the header check of
+// releases_at_once and in_use with the pool's id and storage bounds at hand.
+struct RecordSlots {
+    uint32_t id;
+    uintptr_t first, last; // storage and last slot; first > last when there is no storage
+
+    explicit RecordSlots(const memm_pooldesc *records)
+        : id(memm_detail::loc_pool_id(records)), first(reinterpret_cast<uintptr_t>(records->storage)),
+          last(reinterpret_cast<uintptr_t>(records->last_slot)) {
+        if (!records->storage)
+            first = UINTPTR_MAX, last = 0;
+    }
+    bool holds(const uint8_t *slot) const {
+        const uintptr_t addr = reinterpret_cast<uintptr_t>(slot);
+        return addr >= first && addr <= last;
+    }
+    // releases_at_once: one holder, and the header names this pool.
+    bool releases_at_once(dynstr *d) const {
+        const uint8_t *slot = memm_detail::obj_to_slot(d);
+        const uint32_t state = memm_detail::hdr_state(slot);
+        return state < memm_detail::kRefUnit && memm_detail::state_poolid(state) == id && holds(slot);
+    }
+    // A record of the pool's storage whose slot is in use: one the back
+    // chain may read, whatever a damaged prev link pointed it to.
+    bool in_use(const dynstr *d) const {
+        const uint8_t *slot = memm_detail::obj_to_slot(const_cast<dynstr *>(d));
+        return holds(slot) && memm_detail::hdr_state(slot) != MEMM_STATE_FREE;
+    }
+};
 
 // Working state of one compaction walk.
 struct Compaction {
@@ -59,6 +104,7 @@ struct Compaction {
     uint32_t pending = 0;    // bytes in that run
     uint32_t shift = 0;      // deleted bytes seen so far
     uint32_t reclaimed = 0;  // placeholders released
+    uint32_t pushed = 0;     // of those, slots pushed on the free list by the walk itself
     bool in_deleted_run = false;
 
     void move_pending(const char *run_end) {
@@ -66,12 +112,20 @@ struct Compaction {
             loc_log("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.");
             pending = uint32_t(run_end - src);
         }
-        memmove(dst, src, pending);
+        move_down(dst, src, pending);
         dst += pending;
         src = nullptr;
         pending = 0;
     }
 };
+
+// The free-list push of loc_release_slot without its counters.
+inline void push_free(memm_pooldesc *records, uint8_t *slot) {
+    memm_detail::hdr_set_state(slot, MEMM_STATE_FREE);
+    memm_detail::set_free_link(records, slot, records->free_head);
+    records->free_head = slot;
+    memm_detail::loc_poison_slot(records, slot);
+}
 
 // Walks buffer g from its first deleted record: releases every placeholder,
 // relinks the survivors and slides each run of live texts down.
@@ -81,32 +135,50 @@ struct Compaction {
 // released first). So while it works through the front half, a second
 // chain of loads runs from the list's end back along the prev links,
 // noting the records it passes in the scratch space; once the walk reaches
-// them, it has them in cache and prefetches ahead from the notes. The notes
-// only bring records in: the walk itself still goes by the next links, so a
-// damaged list is walked (and reported) exactly as without them.
+// them, it has them in cache and prefetches ahead from the notes. In the
+// front half a third chain, the lead, runs a few records ahead of the walk
+// along the next links, so the walk's own work does not wait for each
+// record to come in. The lead and the notes only bring records in: the walk
+// itself still goes by the next links, so a damaged list is walked (and
+// reported) exactly as without them. The lead reads only records that the
+// walk reads after it, and stops where the notes begin.
 Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
-    constexpr size_t kAhead = 8; // records prefetched ahead in the back half
+    constexpr size_t kAhead = 32;  // records prefetched ahead in the back half
+    constexpr uint32_t kLead = 12; // records the lead runs ahead of the walk
     Compaction w;
-    memm_pooldesc *records = records_of(pool);
+    memm_pooldesc *const records = records_of(pool);
+    const RecordSlots slots(records);
     dynstr **const notes = scratch_of(pool);
     const size_t room = scratch_entries(pool->capacity);
     size_t noted = 0;
     dynstr *back = pool->buf_last[g]; // next record of the back chain
     bool noting = true;
+    dynstr *lead = first_deleted;     // next record of the lead
+    uint32_t lead_by = 0;             // records the lead is ahead of the walk
     dynstr *kept = first_deleted ? first_deleted->prev : nullptr; // last surviving record
     for (dynstr *cur = first_deleted; cur;) {
         if (noted && cur == notes[noted - 1]) {
             // In the noted back half: its records come back in list order.
             noting = false;
             noted--;
-            if (noted >= kAhead)
-                __builtin_prefetch(notes[noted - kAhead]);
+            if (noted >= kAhead) {
+                // A record and its header may lie in two cache lines.
+                __builtin_prefetch(memm_detail::obj_to_slot(notes[noted - kAhead]));
+                __builtin_prefetch(&notes[noted - kAhead]->next);
+            }
         } else if (noting) {
-            if (back && back != cur && noted < room && in_use(records, back)) {
+            if (back && back != cur && noted < room && slots.in_use(back)) {
                 notes[noted++] = back;
                 back = back->prev;
             } else {
                 noting = false;
+            }
+            // Two steps while the lead has not got far enough ahead, else one.
+            for (int step = 0; step < 2 && lead && lead != back && (step == 0 || lead_by < kLead); step++) {
+                lead = lead->next;
+                lead_by++;
+                if (lead)
+                    __builtin_prefetch(memm_detail::obj_to_slot(lead));
             }
         }
         dynstr *next = cur->next; // read before cur's slot is released
@@ -122,11 +194,14 @@ Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
                 w.in_deleted_run = true;
             }
             w.shift += size;
-            // What the release hook does while the collector runs, without it.
-            if (releases_at_once(records, cur)) {
+            // What the release hook does while the collector runs, without
+            // it, and the slot's push on the free list; the counters of
+            // those releases are settled once after the walk.
+            if (slots.releases_at_once(cur)) {
                 if (is_buffered(cur))
                     pool->buf_count[DYNSTR_BNR(cur->flags)]--;
-                memm_detail::loc_release_slot(records, memm_detail::obj_to_slot(cur));
+                push_free(records, memm_detail::obj_to_slot(cur));
+                w.pushed++;
             } else {
                 memm_free_nolock(cur);
             }
@@ -147,11 +222,17 @@ Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
             cur->str -= w.shift;
         }
         cur = next;
+        if (lead_by)
+            lead_by--;
+        else
+            lead = next; // the lead never falls behind the walk
     }
     if (w.dst && !w.in_deleted_run) {
-        memmove(w.dst, w.src, w.pending);
+        move_down(w.dst, w.src, w.pending);
         w.dst += w.pending;
     }
+    records->cur_count -= w.pushed;
+    records->free_calls += w.pushed;
     if (w.in_deleted_run) {
         pool->buf_last[g] = kept;
         if (kept)

@@ -82,7 +82,7 @@ void cut_off_at_once(dynstr_pooldesc *pool, memm_pooldesc *records, dynstr *d, u
     // mark_deleted would make d the first deleted record, cut_off forget it.
     if (pool->buf_firstdel[k] && pool->buf_firstdel[k]->str > d->str)
         pool->buf_firstdel[k] = nullptr;
-    memset(d->str, 0, size);
+    zero_text(d->str, size);
     pool->buf_used[k] -= size;
     pool->usedbytes -= size;
     pool->recup_bytes += size;
@@ -98,11 +98,8 @@ void cut_off_at_once(dynstr_pooldesc *pool, memm_pooldesc *records, dynstr *d, u
     release_unbuffered(records, d);
 }
 
-} // namespace
-
-uint32_t loc_dynstr_free_ex(void *rec) {
-    auto *d = static_cast<dynstr *>(rec);
-    memm_pooldesc *records = d ? pool_of_object(d) : nullptr;
+// The release hook's work for a record of pool `records` (null: none).
+uint32_t release_record(memm_pooldesc *records, dynstr *d) {
     dynstr_pooldesc *pool = records ? string_pool_of(records) : nullptr;
     if (!pool) {
         loc_log("[DYNSTR] \"loc_dynstr_free_ex invalid param\"");
@@ -132,6 +129,17 @@ uint32_t loc_dynstr_free_ex(void *rec) {
     return MEMM_KEEP_OBJECT;
 }
 
+uint32_t release_with_pool(memm_pooldesc *records, void *rec) {
+    return release_record(records, static_cast<dynstr *>(rec));
+}
+
+} // namespace
+
+uint32_t loc_dynstr_free_ex(void *rec) {
+    auto *d = static_cast<dynstr *>(rec);
+    return release_record(d ? pool_of_object(d) : nullptr, d);
+}
+
 void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *next, uint32_t k) {
     if (prev)
         prev->next = next;
@@ -150,3 +158,7 @@ void loc_dynstr_unlink(dynstr_pooldesc *pool, dynstr *prev, dynstr *d, dynstr *n
 }
 
 } // namespace dynstr_detail
+
+// A record's release finds its pool once (memm_private.h).
+const memm_detail::PoolHook memm_detail::g_pool_hook = {dynstr_detail::loc_dynstr_free_ex,
+                                                        dynstr_detail::release_with_pool};

@@ -121,6 +121,45 @@ inline void release_unbuffered(memm_pooldesc *records, dynstr *d) {
         memm_free_nolock(d);
 }
 
+// Copying and zeroing n bytes of text. Most texts are short: up to 32 bytes
+// two moves of a fixed size from both ends (which may overlap) save the
+// call.
+inline void copy_text(char *dst, const char *src, size_t n) {
+    if (n > 32) {
+        memcpy(dst, src, n);
+    } else if (n >= 16) {
+        char head[16], tail[16];
+        memcpy(head, src, 16);
+        memcpy(tail, src + n - 16, 16);
+        memcpy(dst, head, 16);
+        memcpy(dst + n - 16, tail, 16);
+    } else if (n >= 8) {
+        char head[8], tail[8];
+        memcpy(head, src, 8);
+        memcpy(tail, src + n - 8, 8);
+        memcpy(dst, head, 8);
+        memcpy(dst + n - 8, tail, 8);
+    } else {
+        for (size_t i = 0; i < n; i++)
+            dst[i] = src[i];
+    }
+}
+inline void zero_text(char *dst, size_t n) {
+    static const char zeros[16] = {};
+    if (n > 32) {
+        memset(dst, 0, n);
+    } else if (n >= 16) {
+        memcpy(dst, zeros, 16);
+        memcpy(dst + n - 16, zeros, 16);
+    } else if (n >= 8) {
+        memcpy(dst, zeros, 8);
+        memcpy(dst + n - 8, zeros, 8);
+    } else {
+        for (size_t i = 0; i < n; i++)
+            dst[i] = 0;
+    }
+}
+
 // Bounded copy: at most size - 1 characters, always terminated when size is
 // above 0. Returns strlen(src), so a result >= size means the copy was cut.
 MEMM_INTERNAL size_t strlcpy(char *dst, const char *src, size_t size);
@@ -170,7 +209,27 @@ MEMM_INTERNAL uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynst
 MEMM_INTERNAL uint32_t loc_dynstr_updatepool(dynstr_pooldesc *pool, dynstr *d);
 // Claims `size` bytes at buffer c's free position, where d's text lies, and
 // appends d to the buffer's list: the placement step of loc_dynstr_updatepool.
-MEMM_INTERNAL void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size);
+inline void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size) {
+    pool->buf_used[c] += size;
+    pool->usedbytes += size;
+    if (pool->usedbytes - pool->delbytes > pool->peaklive)
+        pool->peaklive = pool->usedbytes - pool->delbytes;
+    if (pool->buf_used[c] - pool->buf_delbytes[c] > pool->buf_peaklive[c])
+        pool->buf_peaklive[c] = pool->buf_used[c] - pool->buf_delbytes[c];
+    // A text extended in place is already the list's last record.
+    if (pool->buf_last[c] != d) {
+        dynstr *last = pool->buf_last[c];
+        if (last)
+            last->next = d;
+        else
+            pool->buf_first[c] = d;
+        d->prev = last;
+        d->next = nullptr;
+        pool->buf_last[c] = d;
+        pool->buf_count[c]++;
+    }
+    set_bnr(d, c);
+}
 
 // A write in progress: the record's pool, its maximum size and the
 // temporary record holding its old text (steps 1-2 and 5-7 of the write
@@ -206,14 +265,28 @@ MEMM_INTERNAL void loc_dynstr_print_stats(void *cookie, uint32_t *live_total, ui
 // Each writer follows the write protocol of storage.cc, so a source that
 // points into the record's own old text stays readable while it works.
 
+// A piece of a text: `len` characters at `text`; a null text when there is
+// nothing to copy.
+struct Piece {
+    const char *text = nullptr;
+    size_t len = 0;
+};
+// The piece [offset, offset + length) of a C string. Offsets outside the
+// string are clamped as for a source record; a negative length means "to the
+// end". Only as much of src is measured as the piece needs, so cutting
+// pieces off a long text one by one does not rescan its rest each time.
+inline Piece string_piece(const char *src, int32_t offset, int32_t length) {
+    const size_t need = length < 0 ? SIZE_MAX : size_t(offset < 0 ? 0 : offset) + size_t(length);
+    const size_t full = need == SIZE_MAX ? strlen(src) : strnlen(src, need);
+    const size_t off = offset < 0 ? 0 : (size_t(offset) > full ? full : size_t(offset));
+    const size_t avail = full - off;
+    const size_t len = (length < 0 || size_t(length) > avail) ? avail : size_t(length);
+    return len >= 1 ? Piece{src + off, len} : Piece{};
+}
+
 // The substring writer (writers.cc): a piece of `src`, or of `src_rec` when
 // `src` is null, replaces the text.
 MEMM_INTERNAL uint32_t loc_setsubstring(dynstr *d, const char *src, dynstr *src_rec, int32_t offset, int32_t length);
-// A new record of `pool` holding a piece of a C string, made in one pass when
-// nothing on the way can collect (writers.cc); null when that does not hold,
-// and then nothing has changed: the caller takes the plain way.
-MEMM_INTERNAL dynstr *loc_fromsubstring_direct(dynstr_pooldesc *pool, const char *src, int32_t offset,
-                                               int32_t length, void *caller);
 // The append primitive (append.cc): at most n characters of src go behind the
 // text, in place when the text ends at the current buffer's free position.
 MEMM_INTERNAL uint32_t loc_addstring_size(dynstr *d, const char *src, uint32_t n);

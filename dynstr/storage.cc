@@ -74,33 +74,7 @@ uint32_t out_of_buffer_memory(dynstr_pooldesc *pool, dynstr *d) {
     return MEMM_ERR_NO_MEMORY;
 }
 
-void append_to_list(dynstr_pooldesc *pool, dynstr *d, uint32_t c) {
-    dynstr *last = pool->buf_last[c];
-    if (last)
-        last->next = d;
-    else
-        pool->buf_first[c] = d;
-    d->prev = last;
-    d->next = nullptr;
-    pool->buf_last[c] = d;
-    pool->buf_count[c]++;
-}
-
 } // namespace
-
-void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint32_t size) {
-    pool->buf_used[c] += size;
-    pool->usedbytes += size;
-    if (pool->usedbytes - pool->delbytes > pool->peaklive)
-        pool->peaklive = pool->usedbytes - pool->delbytes;
-    if (pool->buf_used[c] - pool->buf_delbytes[c] > pool->buf_peaklive[c])
-        pool->buf_peaklive[c] = pool->buf_used[c] - pool->buf_delbytes[c];
-    // A text extended in place is already the list's last record.
-    if (pool->buf_last[c] != d)
-        append_to_list(pool, d, c);
-    set_bnr(d, c);
-}
-
 
 int32_t loc_getfreespace(dynstr_pooldesc *pool, dynstr *d) {
     const uint32_t c = pool->curbuffer;

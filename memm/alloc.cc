@@ -2,36 +2,13 @@
 // chains of extension pools, table enlargement and depletion.
 #include <unistd.h>
 
-#include "memm_private.h"
-#include "poison.h"
+#include "take_slot.h"
 
 namespace memm_detail {
 
 namespace {
 
 constexpr const char *kDepletedText = "pool depleted";
-
-// Zero-fills n bytes (4 <= n, a multiple of 4) at a 4-byte aligned address.
-// Object areas are mostly small: up to 64 bytes two stores of a fixed size
-// from both ends, which may overlap, save the call.
-inline void zero_area(uint8_t *area, size_t n) {
-    static const uint8_t zeros[32] = {};
-    if (n > 64)
-        memset(area, 0, n);
-    else if (n >= 32) {
-        memcpy(area, zeros, 32);
-        memcpy(area + n - 32, zeros, 32);
-    } else if (n >= 16) {
-        memcpy(area, zeros, 16);
-        memcpy(area + n - 16, zeros, 16);
-    } else if (n >= 8) {
-        memcpy(area, zeros, 8);
-        memcpy(area + n - 8, zeros, 8);
-    } else {
-        memcpy(area, zeros, 4);
-        memcpy(area + n - 4, zeros, 4);
-    }
-}
 
 bool has_two_free_slots(const memm_pooldesc *p) { return p->free_head && free_link(p, p->free_head); }
 
@@ -126,16 +103,6 @@ uint8_t *grow_chain(uint32_t root_id, int32_t attempt, bool collect) {
 }
 
 } // namespace
-
-uint8_t *loc_take_slot(memm_pooldesc *p, uint32_t id, void *allocfrom) {
-    uint8_t *slot = p->free_head;
-    p->free_head = free_link(p, slot);
-    loc_unpoison_slot(p, slot);
-    hdr_write(slot, id, allocfrom);
-    zero_area(slot + kHdrSize, p->slotsize - kHdrSize);
-    loc_note_count(p, ++p->cur_count);
-    return slot;
-}
 
 uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, bool fromroot) {
     memm_pooldesc *p = loc_pool(id);

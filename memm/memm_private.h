@@ -323,10 +323,15 @@ MEMM_INTERNAL uint8_t *memm__calloc(uint32_t id, int32_t attempt, bool collect, 
 MEMM_INTERNAL void *loc_calloc_entry(uint32_t id, bool collect, bool fromroot, void *caller);
 MEMM_INTERNAL uint32_t memm__free(uint8_t *slot, void *caller, bool relock);
 MEMM_INTERNAL void loc_release_slot(memm_pooldesc *p, uint8_t *slot);
-// Pops the head of p's free list (which must not be empty) and hands the
-// slot out zero-filled but for its state word and allocfrom: the header is
-// written whole, then only the object area is cleared. Counts it in use.
-MEMM_INTERNAL uint8_t *loc_take_slot(memm_pooldesc *p, uint32_t id, void *allocfrom);
+// A free_ex hook that has a second form taking the pool the header check
+// found, so a release does not look the pool up twice. For such a release
+// the two forms do the same; the library's own record pools use it.
+struct PoolHook {
+    memm_free_ex_fn hook;
+    uint32_t (*with_pool)(memm_pooldesc *p, void *obj);
+};
+MEMM_INTERNAL extern const PoolHook g_pool_hook;
+// Taking a slot off the free list: take_slot.h.
 
 // ---- lookup (lock held) ----------------------------------------------------
 // Visits the in-use objects of pool `id` and, unless `single_pool`, of the

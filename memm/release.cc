@@ -15,6 +15,34 @@ void loc_release_slot(memm_pooldesc *p, uint8_t *slot) {
     loc_poison_slot(p, slot);
 }
 
+namespace {
+
+// A hook that let the object go may have released it itself already.
+uint32_t finish_after_hook(memm_pooldesc *p, uint8_t *slot, void *caller) {
+    if (hdr_state(slot) == MEMM_STATE_FREE) {
+        loc_log("[MEMM] memm_free: Recursive release detected: %p (poolid = %d) called from %p\r\n",
+                static_cast<void *>(slot), int(MEMM_STATE_POOLID_MASK), caller);
+        return MEMM_OK;
+    }
+    loc_release_slot(p, slot);
+    return MEMM_OK;
+}
+
+// The end of a release after its free_ex hook answered `r`: the slot is
+// freed unless the hook kept or failed it.
+inline uint32_t finish_free_ex(memm_pooldesc *p, uint8_t *slot, uint32_t r, void *caller) {
+    if (r == MEMM_KEEP_OBJECT)
+        return MEMM_OK;
+    if (r != MEMM_OK) {
+        loc_log("[MEMM] memm_free: free_ex failed for: %p (poolid = %d) called from %p\r\n",
+                static_cast<void *>(slot), int(state_poolid(hdr_state(slot))), caller);
+        return MEMM_ERR_HOOK_FAILED;
+    }
+    return finish_after_hook(p, slot, caller);
+}
+
+} // namespace
+
 // Drops one holder of the object at `slot`; the last holder runs the pool's
 // release hook and frees the slot. With `relock` (entered through memm_free)
 // the lock is lowered once around a free2_ex hook, so the hook may wait for
@@ -40,9 +68,8 @@ uint32_t memm__free(uint8_t *slot, void *caller, bool relock) {
         return MEMM_OK;
     }
 
-    void *obj = slot_to_obj(slot);
-    bool hook_ran = false;
     if (p->options.free2_ex) {
+        void *obj = slot_to_obj(slot);
         hdr_set_state(slot, state | MEMM_STATE_RELEASING);
         if (relock)
             loc_unlock();
@@ -54,23 +81,10 @@ uint32_t memm__free(uint8_t *slot, void *caller, bool relock) {
                     static_cast<void *>(slot), int(state_poolid(hdr_state(slot))), caller);
             return MEMM_ERR_HOOK_FAILED;
         }
-        hook_ran = true;
-    } else if (p->options.free_ex) {
-        uint32_t r = p->options.free_ex(obj);
-        if (r == MEMM_KEEP_OBJECT)
-            return MEMM_OK;
-        if (r != MEMM_OK) {
-            loc_log("[MEMM] memm_free: free_ex failed for: %p (poolid = %d) called from %p\r\n",
-                    static_cast<void *>(slot), int(state_poolid(hdr_state(slot))), caller);
-            return MEMM_ERR_HOOK_FAILED;
-        }
-        hook_ran = true;
+        return finish_after_hook(p, slot, caller);
     }
-    if (hook_ran && hdr_state(slot) == MEMM_STATE_FREE) {
-        loc_log("[MEMM] memm_free: Recursive release detected: %p (poolid = %d) called from %p\r\n",
-                static_cast<void *>(slot), int(MEMM_STATE_POOLID_MASK), caller);
-        return MEMM_OK;
-    }
+    if (p->options.free_ex)
+        return finish_free_ex(p, slot, p->options.free_ex(slot_to_obj(slot)), caller);
     loc_release_slot(p, slot);
     return MEMM_OK;
 }
@@ -81,15 +95,15 @@ using namespace memm_detail;
 
 namespace {
 
-// The pool of a release that memm__free would finish by freeing the slot at
-// once, or null when the general path must decide: the header check passes,
-// the object is no descriptor, has a single holder and its pool no hook.
-inline memm_pooldesc *plain_release_pool(const uint8_t *slot) {
+// The pool of a release that memm__free would take past its checks, or null
+// when it must decide: the header check passes, the object is no
+// descriptor, has a single holder and its pool no free2_ex hook.
+inline memm_pooldesc *single_holder_pool(const uint8_t *slot) {
     const uint32_t state = hdr_state(slot);
     if (state >= kRefUnit || state_poolid(state) == MEMM_POOLDESC_POOL) // a free slot's state is above too
         return nullptr;
     memm_pooldesc *p = loc_pool(state_poolid(state));
-    if (!p || !loc_in_storage(p, slot) || p->options.free_ex || p->options.free2_ex)
+    if (!p || !loc_in_storage(p, slot) || p->options.free2_ex)
         return nullptr;
     return p;
 }
@@ -129,7 +143,14 @@ uint32_t memm_free(void *obj) {
     void *caller = __builtin_return_address(0);
     PoolLock lock("memm_free");
     uint8_t *slot = obj_to_slot(obj);
-    if (memm_pooldesc *p = plain_release_pool(slot)) {
+    if (memm_pooldesc *p = single_holder_pool(slot)) {
+        if (p->options.free_ex) {
+            // The hook's second form takes the pool found here (memm__free
+            // calls the hook as it is given).
+            const uint32_t r = p->options.free_ex == g_pool_hook.hook ? g_pool_hook.with_pool(p, obj)
+                                                                       : p->options.free_ex(obj);
+            return finish_free_ex(p, slot, r, caller);
+        }
         loc_release_slot(p, slot);
         return MEMM_OK;
     }

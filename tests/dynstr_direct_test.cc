@@ -1,9 +1,12 @@
-// Differential test of the constructors' one-pass way (a new record from a
-// C string without the temporary record of the write protocol): the same
-// seeded steps run on two string pools of the same geometry, where pool A
-// makes its records with dynstr_fromstring / dynstr_fromsubstring and pool B
-// the same texts with dynstr_fromprintf("%s"), which always writes the plain
-// way. After every step both pools must agree on results, texts, every
+// Differential test of the strings' direct ways: the constructors' one pass
+// (a new record from a C string without the temporary record of the write
+// protocol) and memm_free's release of a record with the pool it found. The
+// same seeded steps run on two string pools of the same geometry, where pool
+// A makes its records with dynstr_fromstring / dynstr_fromsubstring and
+// releases them with memm_free, and pool B makes the same texts with
+// dynstr_fromprintf("%s"), which always writes the plain way, and releases
+// them with memm_free_nolock, which calls the release hook as it is given.
+// After every step both pools must agree on results, texts, every
 // counter of both descriptors, record and buffer positions, the free-list
 // order and the log lines.
 #include <gtest/gtest.h>
@@ -89,7 +92,13 @@ class Differential {
             } else if (op < 60) {
                 results_[s] = dynstr_setliteral(side.recs[i], "constant");
             } else {
-                results_[s] = memm_free(side.recs[i]);
+                if (s == 0) {
+                    results_[s] = memm_free(side.recs[i]);
+                } else {
+                    memm_lock("differential");
+                    results_[s] = memm_free_nolock(side.recs[i]);
+                    memm_unlock();
+                }
                 side.recs.erase(side.recs.begin() + long(i));
             }
             side.logs.clear();
