@@ -12,9 +12,9 @@
 // space until a collection, so an input may meet string buffers as earlier
 // inputs left them; the string model predicts from the buffers as they are.
 //
-// Choices are taken from the input bytes (ByteSource), so the string
-// operations are exactly those of the random string test, driven by the
-// fuzzer instead of a seeded generator.
+// Choices are taken from the input bytes (ByteSource), so the string and
+// list operations are exactly those of the random string and list tests,
+// driven by the fuzzer instead of a seeded generator.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -7,6 +7,8 @@
 // allocation site. The record pools' release hook must never run.
 #include <dlfcn.h>
 
+#include <thread>
+
 #include "fixture.h"
 #include "model/list_model.h"
 
@@ -173,3 +175,82 @@ void run_seeds(std::initializer_list<uint32_t> seeds, int32_t node_size) {
 TEST(LlistModel, RandomOperations) { run_seeds({1u, 2u, 3u, 20240601u}, int32_t(sizeof(llist_node))); }
 // Slots of 20 bytes + header: nodes only 4-byte aligned (clean under UBSan).
 TEST(LlistModel, RandomOperationsOnUnalignedNodes) { run_seeds({7u, 8u, 9u}, 20); }
+
+namespace {
+llist_node *g_list;
+bool g_delete_next;
+// Deletes the node of the object it is given (or the one after it), and
+// shows that the lock is free: another thread's list call would wait forever.
+int delete_current(void *obj, void *seen) {
+    static_cast<Objs *>(seen)->push_back(obj);
+    std::thread([] { EXPECT_GT(llist_getlength(g_list), 0u); }).join();
+    EXPECT_EQ(llist_delete_byobject(&g_list, g_delete_next ? llist_getobject_at(g_list, 1) : obj), MEMM_OK);
+    return 1;
+}
+Objs records(uint32_t pool, int n) {
+    Objs v;
+    for (int i = 0; i < n; i++)
+        v.push_back(memm_calloc(pool));
+    return v;
+}
+llist_node *list_of(const Objs &objs, uint32_t nodes) { // each node holds a reference of its own
+    llist_node *list = nullptr;
+    for (void *o : objs)
+        EXPECT_EQ(llist_addref(&list, o, nodes), MEMM_OK);
+    return list;
+}
+uint32_t g_refused; // the record whose release the hook refuses
+uint32_t refuse_one(void *obj) { return *static_cast<uint32_t *>(obj) == g_refused ? 1 : MEMM_OK; }
+} // namespace
+
+// What the model's clean outcomes cannot show: the enumeration callback
+// runs without the lock and may delete its node; a release that fails half
+// way through a list's cascade; node pools refuse objects too small for a
+// node; an object at the most holders gets a null node.
+TEST(LlistCases, CallbackDeletionCascadeFailureAndLimits) {
+    ASSERT_EQ(memm_init(16, 0), MEMM_OK);
+    const uint32_t nodes = llist_initpool("nodes", 64, int32_t(sizeof(llist_node)), nullptr);
+    const uint32_t recs = memm_initpool2("recs", 16, 8, nullptr, refuse_one);
+    Objs r = records(recs, 4), seen;
+    void *x = memm_calloc(memm_initpool("other", 4, 8, nullptr));
+    g_list = list_of({r[0], x, r[1], r[2], r[3]}, nodes);
+    EXPECT_EQ(llist_enumcb_bytype(g_list, recs, delete_current, &seen), 4u);
+    EXPECT_EQ(seen, (Objs{r[0], r[1], r[2], r[3]}));
+    EXPECT_EQ(objects_of(g_list), (Objs{x}));
+    g_list = list_of({r[0], r[1], r[2]}, nodes), g_delete_next = true, seen.clear();
+    EXPECT_EQ(llist_enumcb_bytype(g_list, recs, delete_current, &seen), 1u); // deleting the next ends the walk
+    EXPECT_EQ(objects_of(g_list), (Objs{r[0], r[2]}));
+
+    // (o0 .. o4) handed over, o[k]'s release refused: the nodes between the
+    // first and the failing one go with their objects; the failing node,
+    // those behind it and the first node stay.
+    for (uint32_t k : {0u, 2u, 4u}) {
+        Objs o = records(recs, 5);
+        for (uint32_t i = 0; i < 5; i++)
+            *static_cast<uint32_t *>(o[i]) = 100 + i;
+        llist_node *list = nullptr;
+        for (void *obj : o)
+            llist_addobject(&list, obj, nodes);
+        const std::vector<llist_node *> n = nodes_of(list);
+        g_refused = 100 + k;
+        EXPECT_EQ(llist_free_plist(&list), MEMM_ERR_HOOK_FAILED);
+        EXPECT_EQ(list, nullptr);
+        for (size_t i = 0; i < 5; i++) {
+            const int kept = i == 0 || (k > 0 && i >= k);
+            EXPECT_TRUE(memm_isvalidobj(n[i]) == kept && memm_isvalidobj(o[i]) == kept) << k << " " << i;
+        }
+        EXPECT_TRUE(next_of(n[0]) == nullptr && next_of(n[k]) == nullptr) << "no pointer to released followers";
+        g_refused = 0;
+        for (llist_node *s : {k ? n[k] : nullptr, k && k < 4 ? n[k + 1] : nullptr, n[0]})
+            EXPECT_EQ(memm_free(s), MEMM_OK);
+    }
+    for (int32_t size : {int32_t(sizeof(llist_node)) - 1, 0, -16})
+        EXPECT_EQ(llist_initpool("small", 8, size, nullptr), MEMM_INVALID_POOL);
+    for (uint32_t i = 0; i < MEMM_MAX_EXTRA_REFS; i++)
+        memm_refalloc(r[3]);
+    llist_node *full = nullptr;
+    EXPECT_EQ(llist_addref(&full, r[3], nodes), MEMM_OK);
+    EXPECT_EQ(objects_of(full), (Objs{nullptr}));
+    EXPECT_EQ(memm_get_refcount(r[3]), MEMM_MAX_REFS);
+    EXPECT_TRUE(memm_test::sound());
+}
