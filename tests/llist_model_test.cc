@@ -24,6 +24,13 @@ const void *module_of(const void *addr) {
     return dladdr(addr, &info) ? info.dli_fbase : nullptr;
 }
 
+uint32_t in_chain(uint32_t root) { // extension pools
+    uint32_t n = 0;
+    for (uint32_t id = memm_get_pool_nolock(root)->next_pool; id; id = memm_get_pool_nolock(id)->next_pool)
+        n++;
+    return n;
+}
+
 constexpr uint32_t kStrings = 0xFFFFFFFEu; // a cursor kind besides the pool ids: llist_enum_dynstr
 
 class Run {
@@ -56,6 +63,8 @@ class Run {
             check();
             ASSERT_TRUE(i % 64 || memm_test::sound());
         }
+        // The run reached the node pool's last extension, so depletion was predicted too.
+        EXPECT_EQ(in_chain(nodes_), 5u);
         lists_.release_all();
         check();
         EXPECT_TRUE(saw_misaligned_ || !unaligned_) << "no 4-byte aligned node was seen";
