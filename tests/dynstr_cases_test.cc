@@ -261,6 +261,13 @@ TEST_F(Strings, EachCollectionTrigger) {
     p = strings("reserve", 2, 100, 1);
     dynstr_fromstring(p, "a");
     EXPECT_EQ(string_pool(p)->gc_reason[0][DYNSTR_GC_CTX_DEPLETED], 1u);
+    // A staged text that exactly fills what a collection frees.
+    p = strings("exact", 20, 40, 1);
+    dynstr *dead = dynstr_fromstring(p, "aaaa");
+    dynstr_fromstring(p, "bbbbbbbbbb");
+    memm_free(dead);
+    EXPECT_EQ(dynstr_setstring(dynstr_calloc(p), std::string(28, 'c').c_str()), MEMM_OK);
+    EXPECT_EQ(string_pool(p)->buf_used[0], 40u);
     // A full record pool: a collecting allocation collects each buffer once.
     p = strings("exhausted", 5, 400, 4);
     while (memm_get_pool_nolock(p)->cur_count < 9)
@@ -281,7 +288,9 @@ TEST_F(Strings, OutOfBufferMemoryEmptiesTheRecordAndListsFourTimes) {
     const uint32_t p = strings("s", 20, 64);
     const std::string big(40, 'x');
     dynstr *d = dynstr_fromstring(p, "small");
+    const uint32_t gcs = string_pool(p)->gc_count;
     EXPECT_EQ(dynstr_setstring(d, big.c_str()), MEMM_ERR_NO_MEMORY);
+    EXPECT_EQ(string_pool(p)->gc_count - gcs, 2u); // one collection per buffer
     EXPECT_TRUE(d->str == nullptr && d->flags == DYNSTR_FLAG_LITERAL);
     for (int i = 0; i < 5; i++)
         EXPECT_EQ(dynstr_fromstring(p, big.c_str()), nullptr);

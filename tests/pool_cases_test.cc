@@ -1,7 +1,7 @@
 // What the pool model cannot express, one row per process: start-up, pool
 // creation, the descriptor table, chain growth and depletion, the gc hook,
 // release hooks and reference limits, each with the exact log lines it
-// leaves (a release line's " called from <address>" cut off).
+// leaves (a release line's address shown as <p>, its " called from ..." cut off).
 #include <string.h>
 
 #include <atomic>
@@ -9,9 +9,11 @@
 #include <thread>
 
 #include "fixture.h"
+#include "report_files.h"
 
 namespace {
 
+using memm_test::fill;
 using memm_test::fmt;
 using Lines = std::vector<std::string>;
 
@@ -23,12 +25,6 @@ struct Row {
 void PrintTo(const Row &row, std::ostream *os) { *os << row.name; }
 
 uint8_t *slot_of(void *obj) { return static_cast<uint8_t *>(obj) - MEMM_OBJHDR_SIZE; }
-std::vector<void *> fill(uint32_t id, int n) {
-    std::vector<void *> objs;
-    for (int i = 0; i < n; i++)
-        objs.push_back(memm_calloc(id));
-    return objs;
-}
 std::string released(const char *what, int id) { return fmt("[MEMM] memm_free: %s: <p> (poolid = %d)", what, id); }
 std::string extended(uint32_t root, const char *name, uint32_t ext, int n) {
     return fmt("[MEMM] Info: Pool [%d: %s] extended with an extra dynamic pool (%d, %d elements)", int(root), name,
@@ -80,6 +76,13 @@ uint32_t cascade(void *obj, memm_release_fn release) { // releases what obj owns
 std::atomic<bool> g_other_locked{false};
 uint32_t lock_elsewhere(void *, memm_release_fn) { // deadlocks if run under the lock
     std::thread([] { memm_lock("other"), g_other_locked = true, memm_unlock(); }).join();
+    return MEMM_OK;
+}
+// Whether the lock was held while the hook ran: only its holder may unlock it.
+bool g_held;
+uint32_t note_lock(void *, memm_release_fn) {
+    if ((g_held = memm_unlock() == 0))
+        memm_lock("again");
     return MEMM_OK;
 }
 uint32_t g_hungry;
@@ -322,11 +325,18 @@ const Row kRows[] = {
          EXPECT_TRUE(g_hook_calls == 3u && memm_get_pool_nolock(id)->cur_count == 0u); // the owner, then each child
          void *obj = memm_calloc(memm_initpool3("unlocked", 4, 16, nullptr, lock_elsewhere));
          EXPECT_TRUE(memm_free(obj) == MEMM_OK && g_other_locked);
+         const uint32_t noting = memm_initpool3("noting", 4, 16, nullptr, note_lock);
+         memm_free(memm_calloc(noting)); // the hook runs without the lock
+         EXPECT_FALSE(g_held);
+         memm_lock("caller");
+         memm_free_nolock(memm_calloc_nolock(noting)); // but not without its caller's
+         memm_unlock();
+         EXPECT_TRUE(g_held);
          const uint32_t failing = memm_initpool3("failing", 4, 16, nullptr, [](void *, memm_release_fn) -> uint32_t { return 5; });
          obj = memm_calloc(failing);
          EXPECT_TRUE(memm_free(obj) == MEMM_ERR_HOOK_FAILED && memm_isvalidobj(obj));
      },
-     {released("free2_ex failed for", 3)}},
+     {table_grown(8), released("free2_ex failed for", 4)}},
     {"UpTo32767HoldersAndBackDown",
      [] {
          ASSERT_EQ(memm_init(4, 0), MEMM_OK);

@@ -423,6 +423,9 @@ TEST(DynstrIntegrity, EachFaultPrintsItsMessageAlsoWhenSilent) {
         {[&] { a->flags |= 1u << DYNSTR_BNR_SHIFT; }, "\r\n  - E: curr has wrong buffernr, "},
         {[&] { b->flags |= DYNSTR_FLAG_LITERAL; }, "\r\n  - E: curr has wrong buffernr, \r\n  - E: literal pstr found, "},
         {[&] { b->prev = nullptr; }, "\r\n  - E: next->prev != curr, "},
+        {[&] { b->str = a->str; },
+         "\r\n  - E: buffer 0 used bytes doesn't match last dynstr, \r\n  - E: next->str >= curr->str, "
+         "\r\n  - E: DYNSTR_SIZE(2) != strlen+1(6, 'hello'), "},
         {[&] { p->buf_last[0] = a; },
          "\r\n  - E: buffer 0 used bytes doesn't match last dynstr, \r\n  - E: !next && last != curr, "},
     };
