@@ -12,9 +12,9 @@
 // space until a collection, so an input may meet string buffers as earlier
 // inputs left them; the string model predicts from the buffers as they are.
 //
-// Choices are taken from the input bytes (ByteSource), so the string
-// operations are exactly those of the random string test, driven by the
-// fuzzer instead of a seeded generator.
+// Choices are taken from the input bytes (ByteSource), so the string and
+// list operations are exactly those of the random string and list tests,
+// driven by the fuzzer instead of a seeded generator.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -152,14 +152,10 @@ bool subsequence(const std::vector<std::string> &part, const std::vector<std::st
     return true;
 }
 
-class Run;
-Run *g_run = nullptr; // for the sort callbacks
-
 class Run {
   public:
     Run(const uint8_t *data, size_t size)
         : src_(data, size), strings_{{g_pools.strings[0], src_}, {g_pools.strings[1], src_}, {g_pools.strings[2], src_}} {
-        g_run = this;
     }
 
     void run() {
@@ -173,10 +169,8 @@ class Run {
             check();
         }
         op_ = "release everything";
-        for (int l = 0; l < 2; l++) {
-            expect(llist_free_plist(&lists_[l]) == MEMM_OK, "llist_free_plist failed");
-            model_[l].clear();
-        }
+        lists_.release_all();
+        expect(lists_.failure().empty(), lists_.failure());
         for (void *o : live_)
             for (; holds_[o] > 0; holds_[o]--)
                 expect(memm_free(o) == MEMM_OK, "release failed");
@@ -189,12 +183,6 @@ class Run {
             expect_sound(storage_fault(pool, 0));
     }
 
-    int32_t key(void *o) const { return o ? key_.at(o) : 1; }
-    std::string text_of(void *o) {
-        const Entry *e = entry_of(o);
-        return e ? e->text : DYNSTR_TEXT_NOT_MEMMSTR; // plain pools have no cookie
-    }
-
   private:
     ByteSource src_;
     StringModel strings_[kStringPools];
@@ -204,9 +192,9 @@ class Run {
     Objs live_;
     std::map<void *, uint32_t> holds_;
     std::map<void *, uint8_t> plain_;  // the pool objects among them: their fill byte
-    std::map<void *, int32_t> key_;    // sort keys
-    llist_node *lists_[2] = {nullptr, nullptr};
-    Objs model_[2];
+    ListModel lists_{src_, g_pools.nodes, g_pools.node_capacity, [this] { return any_object(); }};
+    llist_node *(&lists)[2] = lists_.lists;
+    Objs (&model_)[2] = lists_.model;
     int step_ = 0;
     const char *op_ = "";
 
@@ -234,7 +222,7 @@ class Run {
             for (void *o : model_[l])
                 fprintf(stderr, " %p", o);
             fprintf(stderr, "\n   ");
-            for (void *o : objects_of(lists_[l]))
+            for (void *o : objects_of(lists[l]))
                 fprintf(stderr, " %p", o);
             fprintf(stderr, "\n");
         }
@@ -264,36 +252,18 @@ class Run {
         return i == int(live_.size()) ? nullptr : live_[size_t(i)];
     }
     int32_t any_index(size_t n) { return pick(0, 15) ? pick(-int(n) - 2, int(n) + 2) : pick(0, 1) ? INT32_MIN : INT32_MAX; }
-    size_t in_lists(void *o) const {
-        return size_t(std::count(model_[0].begin(), model_[0].end(), o) + std::count(model_[1].begin(), model_[1].end(), o));
-    }
+    size_t in_lists(void *o) const { return lists_.in_lists(o); }
     uint32_t expected_refs(void *o) const { return holds_.at(o) + uint32_t(in_lists(o)); }
-    uint32_t free_nodes() const { return g_pools.node_capacity - uint32_t(model_[0].size() + model_[1].size()); }
-
-    // A reference for the list to take over; given back when it does not.
-    void hold(void *o) {
-        if (o)
-            expect(memm_refalloc(o) == o, "memm_refalloc failed");
-    }
-    void give_back(void *o) {
-        if (o)
-            expect(memm_free(o) == MEMM_OK, "release failed");
-    }
-    void take(void *o) {
-        if (o)
-            holds_[o]++;
-    }
-
     // Records the string model made are held by this run.
     void adopt_new_strings() {
         for (StringModel &m : strings_)
             for (const Entry &e : m.entries())
                 if (!holds_.count(e.rec))
-                    live_.push_back(e.rec), holds_[e.rec] = 1, key_[e.rec] = int32_t(e.text.size() % 3);
+                    live_.push_back(e.rec), holds_[e.rec] = 1, lists_.keys[e.rec] = int32_t(e.text.size() % 3);
     }
     void adopt_list_item(int k, void *rec, uint32_t holds) {
         strings_[k].adopt(static_cast<dynstr *>(rec), dynstr_getstring(static_cast<dynstr *>(rec)));
-        live_.push_back(rec), holds_[rec] = holds, key_[rec] = 2;
+        live_.push_back(rec), holds_[rec] = holds, lists_.keys[rec] = 2;
     }
     // Objects neither this run nor a list holds have been released.
     void reap() {
@@ -303,7 +273,7 @@ class Run {
                 ++it;
                 continue;
             }
-            plain_.erase(o), key_.erase(o), holds_.erase(o);
+            plain_.erase(o), lists_.keys.erase(o), holds_.erase(o);
             for (StringModel &m : strings_)
                 m.forget(o);
             it = live_.erase(it);
@@ -323,8 +293,8 @@ class Run {
             expect(memm_get_refcount(o) == holds + in_lists(o),
                    str("object ", o, " has ", memm_get_refcount(o), " holders, model ", holds + in_lists(o)));
         for (int l = 0; l < 2; l++)
-            expect_sound(list_fault(lists_[l], model_[l], live_));
-        expect(in_use(g_pools.nodes) == model_[0].size() + model_[1].size(), "nodes in use");
+        expect(lists_.failure().empty(), lists_.failure());
+        expect_sound(lists_.fault(live_));
         memm_get_overall_stats(nullptr, nullptr, nullptr, nullptr, nullptr);
         expect(g_integrity_failures == 0, "integrity check failed");
     }
@@ -342,13 +312,13 @@ class Run {
                 m.write(*e);
             return "string writer";
         }
-        case 6: return add();
-        case 7: return detach_at();
-        case 8: return detach_byobject();
-        case 9: return set_object();
-        case 10: return free_or_copy();
-        case 11: return order();
-        case 12: return split_join_clone();
+        case 6:
+        case 7:
+        case 8:
+        case 9:
+        case 10:
+        case 11:
+        case 12: return lists_.step();
         case 13: return build_string_list();
         case 14: return join();
         case 15: return clone_string_list();
@@ -366,7 +336,7 @@ class Run {
             expect(o[i] == 0, "slot not zero-filled");
         const uint8_t fill = src_.byte();
         memset(o, fill, kObjSize);
-        live_.push_back(o), plain_[o] = fill, holds_[o] = 1, key_[o] = fill % 3;
+        live_.push_back(o), plain_[o] = fill, holds_[o] = 1, lists_.keys[o] = fill % 3;
         return "memm_calloc";
     }
 
@@ -394,226 +364,6 @@ class Run {
         return "memm_free";
     }
 
-    const char *add() {
-        const int l = pick(0, 1), mode = pick(0, 4);
-        llist_node **pl = &lists_[l];
-        Objs &m = model_[l];
-        void *o = any_object();
-        const int32_t index = any_index(m.size());
-        size_t pos = mode == 3 ? 0 : m.size();
-        const bool placed = mode < 4 || insert_pos(m, index, &pos);
-        const uint32_t want = free_nodes() == 0 ? MEMM_ERR_NO_MEMORY : placed ? MEMM_OK : MEMM_ERR_INVALID_ARG;
-        if (mode != 1) // addref takes its own reference
-            hold(o);
-        if (mode == 2)
-            memm_lock("fuzz");
-        const uint32_t r = mode == 0   ? llist_addobject(pl, o, g_pools.nodes)
-                           : mode == 1 ? llist_addref(pl, o, g_pools.nodes)
-                           : mode == 2 ? llist_addobject_nolock(pl, o, g_pools.nodes)
-                           : mode == 3 ? llist_pushobject(pl, o, g_pools.nodes)
-                                       : llist_insert_at(pl, o, index, g_pools.nodes);
-        if (mode == 2)
-            memm_unlock();
-        expect(r == want, str("add mode ", mode, ": result ", r, ", expected ", want));
-        if (r == MEMM_OK)
-            m.insert(m.begin() + long(pos), o);
-        else if (mode != 1)
-            give_back(o);
-        return "add/addref/push/insert_at";
-    }
-
-    // What the caller gets from detaching the node at pos (hit) or none:
-    // kind 0 delete, 1 remove, 2 unlink, 3 getandremove, 4 getandunlink.
-    void detached(Objs &m, bool hit, size_t pos, int kind, uint32_t r, llist_node *node, void *got) {
-        expect(r == (hit ? MEMM_OK : MEMM_ERR_INVALID_ARG), str("detach kind ", kind, ": result ", r));
-        if (!hit) {
-            expect(!node && !got, "a failed detach returned something");
-            return;
-        }
-        void *o = m[pos];
-        m.erase(m.begin() + long(pos));
-        expect(got == (kind == 3 ? o : nullptr), "getandremove returned another object");
-        if (kind == 1 || kind == 3)
-            take(o);
-        if (kind == 2 || kind == 4) {
-            expect(node && obj_of(node) == o && !next_of(node), "the detached node");
-            expect(memm_free(node) == MEMM_OK, "release of the detached node failed");
-        }
-    }
-
-    const char *detach_at() {
-        const int l = pick(0, 1), mode = pick(0, 5);
-        llist_node **pl = &lists_[l];
-        Objs &m = model_[l];
-        const int32_t index = mode == 5 ? 0 : any_index(m.size());
-        size_t pos;
-        const bool hit = at(m, index, &pos);
-        uint32_t r = hit ? MEMM_OK : MEMM_ERR_INVALID_ARG;
-        llist_node *node = nullptr;
-        void *got = nullptr;
-        switch (mode) {
-        case 0: r = llist_delete_at(pl, index); break;
-        case 1: r = llist_remove_at(pl, index); break;
-        case 2:
-            node = llist_get_at(*pl, index);
-            r = llist_unlink_at(pl, index);
-            break;
-        case 3: got = llist_getandremove_at(pl, index); break;
-        case 4: node = llist_getandunlink_at(pl, index); break;
-        default: got = llist_popobject(pl); break;
-        }
-        detached(m, hit, pos, mode == 5 ? 3 : mode, r, node, got);
-        return "delete/remove/unlink/getandremove/getandunlink_at/pop";
-    }
-
-    const char *detach_byobject() {
-        const int l = pick(0, 1), mode = pick(0, 4);
-        llist_node **pl = &lists_[l];
-        Objs &m = model_[l];
-        void *o = any_object();
-        size_t pos;
-        const bool hit = find(m, o, &pos);
-        uint32_t r = hit ? MEMM_OK : MEMM_ERR_INVALID_ARG;
-        llist_node *node = nullptr;
-        if (mode == 4) {
-            const int d = pick(0, 1);
-            expect(llist_move_byobject(pl, &lists_[d], o) == r, "llist_move_byobject result");
-            if (hit) {
-                m.erase(m.begin() + long(pos));
-                model_[d].push_back(o);
-            }
-            return "move_byobject";
-        }
-        switch (mode) {
-        case 0: r = llist_delete_byobject(pl, o); break;
-        case 1: r = llist_remove_byobject(pl, o); break;
-        case 2:
-            node = llist_search_byobject(*pl, o);
-            r = llist_unlink_byobject(pl, o);
-            break;
-        default: node = llist_getandunlink_byobject(pl, o); break;
-        }
-        detached(m, hit, pos, mode == 3 ? 4 : mode, r, node, nullptr);
-        return "delete/remove/unlink/getandunlink_byobject";
-    }
-
-    const char *set_object() {
-        const int l = pick(0, 1);
-        Objs &m = model_[l];
-        void *o = any_object();
-        const int32_t index = any_index(m.size());
-        size_t pos;
-        const bool hit = at(m, index, &pos);
-        hold(o);
-        expect(llist_setobject_at(lists_[l], o, index) == (hit ? MEMM_OK : MEMM_ERR_INVALID_ARG), "setobject_at");
-        if (hit)
-            m[pos] = o;
-        else
-            give_back(o);
-        return "setobject_at";
-    }
-
-    const char *free_or_copy() {
-        const int l = pick(0, 1);
-        if (pick(0, 1)) {
-            expect(llist_free_plist(&lists_[l]) == MEMM_OK && !lists_[l], "llist_free_plist");
-            model_[l].clear();
-            return "free_plist";
-        }
-        // Nodes that cannot be had are skipped: a depleted pool gives a prefix.
-        const Objs &m = model_[l];
-        const Objs want(m.begin(), m.begin() + long(std::min<size_t>(m.size(), free_nodes())));
-        llist_node *copy = pick(0, 1) ? llist_refalloc(lists_[l], g_pools.nodes) : strlist_refalloc(lists_[l], g_pools.nodes);
-        expect(objects_of(copy) == want, "llist_refalloc copied other objects");
-        for (void *o : want)
-            if (o)
-                expect(memm_get_refcount(o) == expected_refs(o) + uint32_t(std::count(want.begin(), want.end(), o)),
-                       "a copy's references");
-        expect(llist_free_plist(&copy) == MEMM_OK, "release of the copy");
-        return "refalloc";
-    }
-
-    static int32_t by_key(void *a, void *b) { return g_run->key(a) - g_run->key(b); }
-    static int32_t by_text(void *a, void *b) {
-        return dynstr_strcmp(static_cast<dynstr *>(a), static_cast<dynstr *>(b));
-    }
-    static int32_t by_key_signed(void *sign, void *a, void *b) { return *static_cast<int32_t *>(sign) * by_key(a, b); }
-
-    const char *order() {
-        const int l = pick(0, 1), mode = pick(0, 4);
-        llist_node **pl = &lists_[l];
-        Objs &m = model_[l];
-        auto text_less = [&](void *a, void *b) { return strcmp(text_of(a).c_str(), text_of(b).c_str()) < 0; };
-        if (mode < 3) {
-            int32_t sign = pick(0, 1) ? 1 : -1;
-            const uint32_t r = mode == 0   ? llist_sort(pl, by_key)
-                               : mode == 1 ? llist_sort(pl, by_text)
-                                           : llist_sort_ex(pl, &sign, by_key_signed);
-            expect(r == MEMM_OK, "sort failed");
-            if (length(m) >= 2) {
-                if (mode == 1)
-                    std::stable_sort(m.begin(), m.end(), text_less);
-                else
-                    std::stable_sort(m.begin(), m.end(), [&](void *a, void *b) { return (mode ? sign : 1) * by_key(a, b) < 0; });
-            }
-            return "sort";
-        }
-        if (mode == 3) {
-            void *o = any_object();
-            const bool room = free_nodes() > 0;
-            hold(o);
-            expect(llist_insert_sorted(pl, o, g_pools.nodes, by_key) == MEMM_OK, "insert_sorted");
-            if (!room)
-                give_back(o);
-            else
-                m.insert(std::find_if(m.begin(), m.end(), [&](void *x) { return by_key(o, x) < 0; }), o);
-            return "insert_sorted";
-        }
-        expect(llist_reverse(pl) == MEMM_OK, "reverse");
-        std::reverse(m.begin(), m.end());
-        return "reverse";
-    }
-
-    const char *split_join_clone() {
-        const int l = pick(0, 1), d = pick(0, 1), mode = pick(0, 2);
-        Objs &m = model_[l], &dm = model_[d];
-        if (mode < 2) {
-            const int32_t index = any_index(m.size());
-            const size_t keep = split_keep(m, index);
-            const Objs tail_model(m.begin() + long(keep), m.end());
-            m.resize(keep);
-            llist_node *tail = llist_split_at(&lists_[l], index);
-            expect(objects_of(tail) == tail_model && objects_of(lists_[l]) == m, "split_at");
-            if (mode == 0) {
-                expect(llist_addlist(&lists_[d], tail) == (tail ? MEMM_OK : MEMM_ERR_INVALID_ARG), "addlist");
-                dm.insert(dm.end(), tail_model.begin(), tail_model.end());
-                return "split_at + addlist";
-            }
-            const int32_t to = any_index(dm.size());
-            size_t pos = 0;
-            const bool ok = insert_pos(dm, to, &pos) || !tail;
-            expect(llist_insert_list_at(&lists_[d], tail, to) == (ok ? MEMM_OK : MEMM_ERR_INVALID_ARG), "insert_list_at");
-            if (ok && tail) {
-                dm.insert(dm.begin() + long(pos), tail_model.begin(), tail_model.end());
-            } else if (tail) { // refused: the tail goes back where it came from
-                expect(llist_addlist(&lists_[l], tail) == MEMM_OK, "addlist of a refused tail");
-                m.insert(m.end(), tail_model.begin(), tail_model.end());
-            }
-            return "split_at + insert_list_at";
-        }
-        // Without nodes for the whole copy the destination list is released.
-        const Objs copied(m.begin(), m.begin() + long(length(m)));
-        const bool room = copied.size() <= free_nodes();
-        expect(llist_clone(&lists_[d], lists_[l], g_pools.nodes) == (room ? MEMM_OK : MEMM_ERR_NO_MEMORY), "clone");
-        if (room) {
-            dm.insert(dm.end(), copied.begin(), copied.end());
-        } else {
-            expect(!lists_[d], "a failed clone left its destination");
-            dm.clear();
-        }
-        return "clone";
-    }
-
     // A new string list of pool k appended to a list: its items are
     // pieces of `pieces` in order (a piece that cannot be stored is left
     // out, unless `whole`); the lists hold them, this run does not.
@@ -628,7 +378,7 @@ class Run {
             adopt_list_item(k, o, 0);
         const int l = pick(0, 1);
         if (items)
-            expect(llist_addlist(&lists_[l], items) == MEMM_OK, "addlist of new items");
+            expect(llist_addlist(&lists[l], items) == MEMM_OK, "addlist of new items");
         const Objs added = objects_of(items);
         model_[l].insert(model_[l].end(), added.begin(), added.end());
     }
@@ -686,9 +436,9 @@ class Run {
                 want += c;
             }
         }
-        dynstr *d = mode == 0   ? strlist_todynstr(lists_[l], sep.c_str(), g_pools.strings[k])
-                    : mode == 1 ? strlist_partialtodynstr(lists_[l], sep.c_str(), g_pools.strings[k], first, end)
-                                : dynstr_fromstrlist_escaped(g_pools.strings[k], lists_[l], sep.c_str(), esc);
+        dynstr *d = mode == 0   ? strlist_todynstr(lists[l], sep.c_str(), g_pools.strings[k])
+                    : mode == 1 ? strlist_partialtodynstr(lists[l], sep.c_str(), g_pools.strings[k], first, end)
+                                : dynstr_fromstrlist_escaped(g_pools.strings[k], lists[l], sep.c_str(), esc);
         // Whether the join finds room is not predicted; what it holds is.
         expect(joinable || !d, "a join of a list with a node that holds no record");
         if (d) {
@@ -706,7 +456,7 @@ class Run {
             const Entry *e = entry_of(m[i]);
             texts.push_back(e ? e->text : "");
         }
-        append_items(strlist_clone(lists_[l], g_pools.nodes, g_pools.strings[k]), k, texts, false);
+        append_items(strlist_clone(lists[l], g_pools.nodes, g_pools.strings[k]), k, texts, false);
         return "strlist_clone";
     }
 
@@ -722,9 +472,9 @@ class Run {
             // The model predicts the write for the record's own pool.
             StringModel &sm = strings_[string_pool_of(e->rec)];
             const uint32_t want = sm.expect_write(*e, text);
-            expect(strlist_setstring_at(lists_[l], text.c_str(), index) == want, "strlist_setstring_at result");
+            expect(strlist_setstring_at(lists[l], text.c_str(), index) == want, "strlist_setstring_at result");
         } else {
-            expect(strlist_setstring_at(lists_[l], text.c_str(), index) == MEMM_ERR_INVALID_ARG, "strlist_setstring_at of no record");
+            expect(strlist_setstring_at(lists[l], text.c_str(), index) == MEMM_ERR_INVALID_ARG, "strlist_setstring_at of no record");
         }
         return "strlist_setstring_at";
     }
@@ -735,8 +485,8 @@ class Run {
         const int32_t index = any_index(m.size());
         size_t pos;
         const Entry *e = at(m, index, &pos) ? entry_of(m[pos]) : nullptr;
-        expect(strlist_getstring_at(lists_[l], index) == (e ? e->text : std::string()), "strlist_getstring_at");
-        expect(strlist_getdynstr_at(lists_[l], index) == (e ? e->rec : nullptr), "strlist_getdynstr_at");
+        expect(strlist_getstring_at(lists[l], index) == (e ? e->text : std::string()), "strlist_getstring_at");
+        expect(strlist_getdynstr_at(lists[l], index) == (e ? e->rec : nullptr), "strlist_getdynstr_at");
         return "strlist_getstring_at";
     }
 };

@@ -25,6 +25,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
 #include <string>
 
 #include "dynstr.h"
@@ -33,40 +35,34 @@
 
 namespace {
 
-struct Interposer {
-    void *(*malloc)(size_t) = nullptr;
-    void *(*calloc)(size_t, size_t) = nullptr;
-    void *(*mmap)(void *, size_t, int, int, int, off_t) = nullptr;
-    int (*mprotect)(void *, size_t, int) = nullptr;
-    bool resolving = false;
-    uintptr_t lib_begin = 0, lib_end = 0; // libmemm.so's mapped range
-    long calls = 0;                       // library calls counted so far
-    long fail_at = 0;                     // the call to fail; 0 = none
-    const char *failed = nullptr;         // name of the function failed
-};
-Interposer g_next;
+// The next definitions, resolved on first use. dlsym may allocate; a call
+// made meanwhile gets null, which dlsym copes with.
+void *(*g_malloc)(size_t);
+void *(*g_calloc)(size_t, size_t);
+void *(*g_mmap)(void *, size_t, int, int, int, off_t);
+int (*g_mprotect)(void *, size_t, int);
+bool g_resolving = false;
+uintptr_t g_lib_begin = 0, g_lib_end = 0; // libmemm.so's mapped range
+long g_calls = 0, g_fail_at = 0;          // library calls so far; the call to fail (0: none)
+const char *g_failed = nullptr;           // name of the function failed
 
-// Resolved on first use. dlsym may allocate; a call made meanwhile gets
-// null, which dlsym copes with.
 bool resolve() {
-    if (g_next.mprotect)
-        return true;
-    if (g_next.resolving)
-        return false;
-    g_next.resolving = true;
-    g_next.malloc = reinterpret_cast<void *(*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
-    g_next.calloc = reinterpret_cast<void *(*)(size_t, size_t)>(dlsym(RTLD_NEXT, "calloc"));
-    g_next.mmap = reinterpret_cast<void *(*)(void *, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap"));
-    g_next.mprotect = reinterpret_cast<int (*)(void *, size_t, int)>(dlsym(RTLD_NEXT, "mprotect"));
-    g_next.resolving = false;
-    return g_next.malloc && g_next.calloc && g_next.mmap && g_next.mprotect;
+    if (g_mprotect || g_resolving)
+        return g_mprotect;
+    g_resolving = true;
+    g_malloc = reinterpret_cast<decltype(g_malloc)>(dlsym(RTLD_NEXT, "malloc"));
+    g_calloc = reinterpret_cast<decltype(g_calloc)>(dlsym(RTLD_NEXT, "calloc"));
+    g_mmap = reinterpret_cast<decltype(g_mmap)>(dlsym(RTLD_NEXT, "mmap"));
+    g_mprotect = reinterpret_cast<decltype(g_mprotect)>(dlsym(RTLD_NEXT, "mprotect"));
+    g_resolving = false;
+    return g_malloc && g_calloc && g_mmap && g_mprotect;
 }
 
 bool fail_call(void *caller, const char *name) {
     const uintptr_t at = reinterpret_cast<uintptr_t>(caller);
-    if (!g_next.fail_at || at < g_next.lib_begin || at >= g_next.lib_end || ++g_next.calls != g_next.fail_at)
+    if (!g_fail_at || at < g_lib_begin || at >= g_lib_end || ++g_calls != g_fail_at)
         return false;
-    g_next.failed = name;
+    g_failed = name;
     errno = ENOMEM;
     return true;
 }
@@ -74,48 +70,30 @@ bool fail_call(void *caller, const char *name) {
 int find_library(struct dl_phdr_info *info, size_t, void *) {
     if (!strstr(info->dlpi_name, "libmemm.so"))
         return 0;
-    for (int i = 0; i < info->dlpi_phnum; i++) {
-        const ElfW(Phdr) &ph = info->dlpi_phdr[i];
-        if (ph.p_type != PT_LOAD)
-            continue;
-        const uintptr_t begin = info->dlpi_addr + ph.p_vaddr, end = begin + ph.p_memsz;
-        if (!g_next.lib_begin || begin < g_next.lib_begin)
-            g_next.lib_begin = begin;
-        if (end > g_next.lib_end)
-            g_next.lib_end = end;
-    }
+    for (int i = 0; i < info->dlpi_phnum; i++)
+        if (info->dlpi_phdr[i].p_type == PT_LOAD) {
+            const uintptr_t begin = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
+            g_lib_begin = g_lib_begin && g_lib_begin < begin ? g_lib_begin : begin;
+            g_lib_end = std::max<uintptr_t>(g_lib_end, begin + info->dlpi_phdr[i].p_memsz);
+        }
     return 1;
 }
 
 } // namespace
 
 extern "C" {
-
 void *malloc(size_t size) noexcept {
-    if (!resolve())
-        return nullptr;
-    return fail_call(__builtin_return_address(0), "malloc") ? nullptr : g_next.malloc(size);
+    return !resolve() || fail_call(__builtin_return_address(0), "malloc") ? nullptr : g_malloc(size);
 }
-
 void *calloc(size_t count, size_t size) noexcept {
-    if (!resolve())
-        return nullptr;
-    return fail_call(__builtin_return_address(0), "calloc") ? nullptr : g_next.calloc(count, size);
+    return !resolve() || fail_call(__builtin_return_address(0), "calloc") ? nullptr : g_calloc(count, size);
 }
-
 void *mmap(void *addr, size_t len, int prot, int flags, int fd, off_t offset) noexcept {
-    if (!resolve())
-        return MAP_FAILED;
-    return fail_call(__builtin_return_address(0), "mmap") ? MAP_FAILED
-                                                          : g_next.mmap(addr, len, prot, flags, fd, offset);
+    return !resolve() || fail_call(__builtin_return_address(0), "mmap") ? MAP_FAILED : g_mmap(addr, len, prot, flags, fd, offset);
 }
-
 int mprotect(void *addr, size_t len, int prot) noexcept {
-    if (!resolve())
-        return -1;
-    return fail_call(__builtin_return_address(0), "mprotect") ? -1 : g_next.mprotect(addr, len, prot);
+    return !resolve() || fail_call(__builtin_return_address(0), "mprotect") ? -1 : g_mprotect(addr, len, prot);
 }
-
 } // extern "C"
 
 namespace {
@@ -124,49 +102,33 @@ constexpr int kFailureInjected = 0;
 constexpr int kCompleted = 3;
 constexpr int kCheckFailed = 4;
 
-// Runs one step: `failed` says whether its result reports a failure, which
-// must happen exactly when the step met the injected failure.
-bool step(const char *what, bool failed, std::string *problem) {
-    const bool injected = g_next.failed != nullptr;
-    if (failed != injected)
-        *problem = std::string(what) + (failed ? " failed without an injected failure" : " hid the failure of " +
-                                                                                              std::string(g_next.failed));
-    return !failed && problem->empty();
-}
-
-// The scenario; returns what went wrong, "" when nothing did. Stops at the
-// first step that fails.
+// The scenario: start-up (the table's address range and first page, the
+// storage index's, "dynstr_pool"), a pool, a string pool that enlarges the
+// full table (records, two 32-byte buffers), an extension pool, and a text
+// staged in a block until the collector makes the other buffer current.
+// Each step's result must report a failure exactly when it met the injected
+// one; returns what went wrong, "" when nothing did.
 std::string scenario(uint32_t *strings) {
-    std::string problem;
-    // Start-up: the table's address range, its first page, "dynstr_pool".
-    // Three descriptors: pool 0, "dynstr_pool" and one more.
-    if (!step("memm_init", memm_init(3, 2) != MEMM_OK, &problem))
-        return problem;
-    const uint32_t plain = memm_initpool("plain", 2, 24, nullptr);
-    if (!step("memm_initpool", plain == MEMM_INVALID_POOL, &problem))
-        return problem;
-    // The table is full: the record pool's descriptor enlarges it. Then the
-    // record storage and two string buffers of 32 bytes.
-    *strings = dynstr_initpool("strings", 4, 64);
-    if (!step("dynstr_initpool", *strings == MEMM_INVALID_POOL, &problem))
-        return problem;
-    // The third object needs an extension pool.
-    memm_calloc(plain);
-    memm_calloc(plain);
-    if (!step("extension growth", !memm_calloc(plain), &problem))
-        return problem;
-    // 21 bytes fit the first buffer; the next 21 do not fit behind them and
-    // are staged in a block until the collector makes the other buffer current.
     const char *text = "twenty characters...";
-    dynstr *first = dynstr_fromstring(*strings, text);
-    if (!step("string write", !first, &problem))
-        return problem;
-    dynstr *second = dynstr_calloc(*strings);
-    if (!step("record allocation", !second, &problem))
-        return problem;
-    const uint32_t staged = dynstr_setstring(second, text);
-    if (!step("staged string write", staged != MEMM_OK || strcmp(dynstr_getstring(second), text) != 0, &problem))
-        return problem;
+    uint32_t plain = MEMM_INVALID_POOL;
+    dynstr *first = nullptr, *second = nullptr;
+    const std::pair<const char *, std::function<bool()>> steps[] = { // each true when it failed
+        {"memm_init", [&] { return memm_init(3, 2) != MEMM_OK; }},
+        {"memm_initpool", [&] { return (plain = memm_initpool("plain", 2, 24, nullptr)) == MEMM_INVALID_POOL; }},
+        {"dynstr_initpool", [&] { return (*strings = dynstr_initpool("strings", 4, 64)) == MEMM_INVALID_POOL; }},
+        {"extension growth", [&] { return memm_calloc(plain), memm_calloc(plain), !memm_calloc(plain); }},
+        {"string write", [&] { return !(first = dynstr_fromstring(*strings, text)); }},
+        {"record allocation", [&] { return !(second = dynstr_calloc(*strings)); }},
+        {"staged string write",
+         [&] { return dynstr_setstring(second, text) != MEMM_OK || strcmp(dynstr_getstring(second), text) != 0; }},
+    };
+    for (const auto &[what, step] : steps) {
+        const bool failed = step();
+        if (failed != (g_failed != nullptr))
+            return std::string(what) + (failed ? " failed without an injected failure" : " hid the failure of " + std::string(g_failed));
+        if (failed)
+            return "";
+    }
     return "";
 }
 
@@ -175,18 +137,18 @@ std::string scenario(uint32_t *strings) {
     // The depletion reports print to standard output; only problems matter here.
     if (!freopen("/dev/null", "w", stdout))
         exit(kCheckFailed);
-    g_next.fail_at = fail_at;
+    g_fail_at = fail_at;
     uint32_t strings = MEMM_INVALID_POOL;
     std::string problem = scenario(&strings);
-    g_next.fail_at = 0;
-    const bool injected = g_next.failed != nullptr;
+    g_fail_at = 0;
+    const bool injected = g_failed != nullptr;
     memm_get_overall_stats(nullptr, nullptr, nullptr, nullptr, nullptr); // runs the pool integrity check
     if (memm_test::log_count_prefix("[MEMM] integrity check failed") != 0)
         problem += " pool integrity check failed;";
     if (strings != MEMM_INVALID_POOL && dynstr_integrity_check(strings, 0) != 1)
         problem += " string pool integrity check failed;";
     if (!problem.empty()) {
-        fprintf(stderr, "failing call %ld (%s): %s\n", fail_at, injected ? g_next.failed : "none", problem.c_str());
+        fprintf(stderr, "failing call %ld (%s): %s\n", fail_at, injected ? g_failed : "none", problem.c_str());
         exit(kCheckFailed);
     }
     // exit, not _exit: LeakSanitizer runs at exit.
@@ -197,7 +159,7 @@ std::string scenario(uint32_t *strings) {
 
 TEST(FailingAllocation, EveryFailureIsReportedAndLeavesTheLibrarySound) {
     ASSERT_NE(dl_iterate_phdr(find_library, nullptr), 0);
-    ASSERT_LT(g_next.lib_begin, g_next.lib_end);
+    ASSERT_LT(g_lib_begin, g_lib_end);
     long fail_at = 1;
     for (; fail_at < 100; fail_at++) {
         fflush(nullptr);
@@ -213,8 +175,6 @@ TEST(FailingAllocation, EveryFailureIsReportedAndLeavesTheLibrarySound) {
         // Anything else (a check, or LeakSanitizer's status) ends the loop.
         ASSERT_EQ(WEXITSTATUS(status), kFailureInjected) << "call " << fail_at;
     }
-    // Start-up 5 (table range and first page, storage index range and first
-    // page, "dynstr_pool"), "plain" 1, the string pool 4 (enlargement,
-    // records, two buffers), extension 1, staging 1.
+    // Start-up 5, "plain" 1, the string pool 4, extension 1, staging 1.
     EXPECT_EQ(fail_at, 13);
 }

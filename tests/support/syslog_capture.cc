@@ -9,19 +9,13 @@ namespace memm_test {
 
 namespace {
 
-std::mutex &log_mutex() {
-    static std::mutex m;
-    return m;
-}
-std::vector<LogLine> &log_store() {
-    static std::vector<LogLine> lines;
-    return lines;
-}
+std::mutex g_mutex;
+std::vector<std::string> g_lines; // every line at LOG_DEBUG: the priority is not checked
 
 std::string vfmt(const char *format, va_list ap) {
     va_list copy;
     va_copy(copy, ap);
-    int n = vsnprintf(nullptr, 0, format, copy);
+    const int n = vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
     std::string s(n > 0 ? size_t(n) : 0, '\0');
     if (n > 0)
@@ -29,44 +23,37 @@ std::string vfmt(const char *format, va_list ap) {
     return s;
 }
 
-void capture(int priority, const char *format, va_list ap) {
+void capture(const char *format, va_list ap) {
     std::string text = vfmt(format, ap);
-    std::lock_guard<std::mutex> g(log_mutex());
-    log_store().push_back({priority, text});
+    std::lock_guard<std::mutex> g(g_mutex);
+    g_lines.push_back(std::move(text));
 }
 
 } // namespace
 
-std::vector<LogLine> logs() {
-    std::lock_guard<std::mutex> g(log_mutex());
-    return log_store();
+std::vector<std::string> log_texts() {
+    std::lock_guard<std::mutex> g(g_mutex);
+    return g_lines;
 }
 
-std::vector<std::string> log_texts() {
-    std::vector<std::string> out;
-    for (const auto &l : logs())
-        out.push_back(l.text);
-    return out;
+namespace {
+
+size_t count_if(const std::string &text, bool prefix) {
+    size_t n = 0;
+    for (const std::string &line : log_texts())
+        n += prefix ? line.compare(0, text.size(), text) == 0 : line == text;
+    return n;
 }
+
+} // namespace
 
 void clear_logs() {
-    std::lock_guard<std::mutex> g(log_mutex());
-    log_store().clear();
+    std::lock_guard<std::mutex> g(g_mutex);
+    g_lines.clear();
 }
 
-size_t log_count(const std::string &text) {
-    size_t n = 0;
-    for (const auto &l : logs())
-        n += l.text == text;
-    return n;
-}
-
-size_t log_count_prefix(const std::string &prefix) {
-    size_t n = 0;
-    for (const auto &l : logs())
-        n += l.text.compare(0, prefix.size(), prefix) == 0;
-    return n;
-}
+size_t log_count(const std::string &text) { return count_if(text, false); }
+size_t log_count_prefix(const std::string &prefix) { return count_if(prefix, true); }
 
 std::string fmt(const char *format, ...) {
     va_list ap;
@@ -79,23 +66,18 @@ std::string fmt(const char *format, ...) {
 } // namespace memm_test
 
 extern "C" {
-
-void syslog(int priority, const char *format, ...) {
+void syslog(int, const char *format, ...) {
     va_list ap;
     va_start(ap, format);
-    memm_test::capture(priority, format, ap);
+    memm_test::capture(format, ap);
     va_end(ap);
 }
-
-void vsyslog(int priority, const char *format, va_list ap) { memm_test::capture(priority, format, ap); }
-
-void __syslog_chk(int priority, int, const char *format, ...) {
+void vsyslog(int, const char *format, va_list ap) { memm_test::capture(format, ap); }
+void __syslog_chk(int, int, const char *format, ...) {
     va_list ap;
     va_start(ap, format);
-    memm_test::capture(priority, format, ap);
+    memm_test::capture(format, ap);
     va_end(ap);
 }
-
-void __vsyslog_chk(int priority, int, const char *format, va_list ap) { memm_test::capture(priority, format, ap); }
-
-} // extern "C"
+void __vsyslog_chk(int, int, const char *format, va_list ap) { memm_test::capture(format, ap); }
+}

@@ -9,12 +9,6 @@
 
 namespace memm_test {
 
-struct LogLine {
-    int priority;
-    std::string text;
-};
-
-std::vector<LogLine> logs();
 std::vector<std::string> log_texts();
 void clear_logs();
 // Number of captured lines equal to `text`.

@@ -1,0 +1,324 @@
+// What the string model does not predict: parsing getters, the typed
+// constructors, comparisons against the C library, the storage's merging
+// and collection triggers, running out of buffer memory and long-form
+// records. (Splits and joins of string lists run in the fuzzer's model.)
+#include <arpa/inet.h>
+#include <limits.h>
+#include <string.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include "fixture.h"
+#include "model/string_storage.h"
+#include "report_files.h"
+
+namespace {
+
+using memm_model::storage_fault;
+using memm_model::string_pool;
+using Items = std::vector<std::string>;
+constexpr uint32_t kInvalid = MEMM_ERR_INVALID_ARG;
+
+class Strings : public memm_test::Started {
+  protected:
+    uint32_t pool = 0;
+    void SetUp() override {
+        ASSERT_EQ(memm_init(32, 20), MEMM_OK);
+        pool = strings("cases", 200, 8000);
+    }
+    // A record holding `text`: null gives an empty record, "" a literal empty text.
+    dynstr *record(const char *text) {
+        return !text ? dynstr_calloc(pool) : *text ? dynstr_fromstring(pool, text) : dynstr_fromliteral(pool, text);
+    }
+};
+
+// What a getter reads from a text: "<code> <value>", the value as hex bytes
+// (0xEE where nothing was written).
+enum Getter { kU32, kI32, kBool, kIpv4, kIpv6, kAny, kMac, kHex2 };
+std::string hex(const void *p, size_t n) {
+    std::string s;
+    for (size_t i = 0; i < n; i++)
+        s += memm_test::fmt("%02x", static_cast<const uint8_t *>(p)[i]);
+    return s;
+}
+std::string read(Getter g, dynstr *d) {
+    uint8_t out[sizeof(dynstr_ipaddr) + 1];
+    memset(out, 0xEE, sizeof out);
+    uint32_t code = 0;
+    size_t n = 4;
+    switch (g) {
+    case kU32: code = dynstr_getuint32(d, reinterpret_cast<uint32_t *>(out)); break;
+    case kI32: code = dynstr_getint32(d, reinterpret_cast<int32_t *>(out)); break;
+    case kBool: code = dynstr_getbool(d, reinterpret_cast<int *>(out)); break;
+    case kIpv4: code = dynstr_getipv4addr(d, reinterpret_cast<uint32_t *>(out)); break;
+    case kIpv6: code = dynstr_getipv6addr(d, out), n = 16; break;
+    case kAny: code = dynstr_getipaddr_any(d, reinterpret_cast<dynstr_ipaddr *>(out)), n = 5; break;
+    case kMac: code = dynstr_getmacaddr(d, out), n = 7; break;
+    case kHex2: code = dynstr_gethexstring(d, out, 2), n = 3; break;
+    }
+    return memm_test::fmt("%x ", code) + hex(out, n);
+}
+
+TEST_F(Strings, GettersAcceptWhatTheyDocument) {
+    const char *inv = "80020003 ";
+    const struct {
+        Getter g;
+        const char *text;
+        std::string want;
+    } rows[] = {
+        {kU32, " 42 ", "0 2a000000"}, {kU32, "010", "0 0a000000"}, {kU32, "-1", "0 ffffffff"},
+        {kU32, "4294967297", "0 01000000"}, {kU32, "42abc", inv + std::string("2a000000")},
+        {kU32, "12 a-word-longer-than-ten", inv + std::string("0c000000")}, {kU32, "0x10", inv + std::string("00000000")},
+        {kU32, "", inv + std::string("eeeeeeee")}, {kU32, nullptr, inv + std::string("eeeeeeee")},
+        {kI32, "0x1F", "0 1f000000"}, {kI32, "010", "0 08000000"}, {kI32, "-0x10", "0 f0ffffff"},
+        {kI32, " +5 ", "0 05000000"}, {kI32, "08", inv + std::string("00000000")}, {kI32, "x1", inv + std::string("eeeeeeee")},
+        {kBool, "true", "0 01000000"}, {kBool, "no", "0 01000000"}, {kBool, "00", "0 00000000"},
+        {kBool, "f", "0 00000000"}, {kBool, "0x10", "0 00000000"}, {kBool, nullptr, "0 00000000"},
+        {kIpv4, "192.168.1.2", "0 c0a80102"}, {kIpv4, "192.168.1", inv + std::string("eeeeeeee")},
+        {kIpv4, " 1.2.3.4", inv + std::string("eeeeeeee")}, {kIpv4, "", "0 00000000"},
+        {kIpv6, "fe80::1:2", "0 fe800000000000000000000000010002"},
+        {kIpv6, "1::2::3", inv + std::string(32, 'e')}, {kAny, "::ffff:1.2.3.4", "0 0200000000"},
+        {kAny, "10.0.0.1", "0 010000000a"}, {kAny, "host", inv + std::string("eeeeeeeeee")},
+        {kMac, "00:1a:2B:3c:4d:5e", "0 001a2b3c4d5eee"}, {kMac, "00:1a-2b.3c:4d:5e", "0 001a2b3c4d5eee"},
+        {kMac, "001A2B3C4D5E", "0 001a2b3c4d5eee"}, {kMac, "0:1a:2b:3c:4d:5e", inv + std::string(14, 'e')},
+        {kMac, "001a2b3c4d5e0", inv + std::string(14, 'e')}, {kMac, "00:1a:2b:3c:4d:zz", inv + std::string(14, 'e')},
+        {kHex2, "ABC", "0 abc0ee"}, {kHex2, "x1 ", "0 1100ee"}, {kHex2, "zz", "0 3300ee"}, {kHex2, nullptr, "0 0000ee"},
+        {kHex2, "ABCDEF", "80020001 eeeeee"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(read(row.g, record(row.text)), row.want) << row.g << " '" << (row.text ? row.text : "(empty)") << "'";
+    // The long names read alike; every getter refuses a null output.
+    uint32_t u = 0;
+    int32_t i = 0;
+    EXPECT_TRUE(dynstr_getulong(record("7"), &u) == MEMM_OK && u == 7 && dynstr_getlong(record("-7"), &i) == MEMM_OK && i == -7);
+    EXPECT_EQ(dynstr_getipaddr(record("1.2.3.4"), &u), MEMM_OK);
+    EXPECT_EQ(u, 0x04030201u);
+    uint8_t all[256], back[256];
+    for (int k = 0; k < 256; k++)
+        all[k] = uint8_t(k);
+    EXPECT_EQ(dynstr_gethexstring(dynstr_hexstringfromdata(pool, all, 256), back, 256), MEMM_OK);
+    EXPECT_EQ(memcmp(all, back, 256), 0);
+    EXPECT_EQ(dynstr_gethexstring(record(nullptr), back, -1), MEMM_ERR_BUFFER_TOO_SMALL);
+}
+
+TEST_F(Strings, TypedWritersAndConstructors) {
+    dynstr *d = dynstr_calloc(pool), *b = dynstr_calloc(pool);
+    const uint8_t v6[16] = {0xfe, 0x80, 15, 1};
+    dynstr_ipaddr any = {DYNSTR_IPADDR_FAMILY_V6, {}};
+    memcpy(any.addr, v6, 16);
+    const std::pair<std::function<uint32_t()>, const char *> rows[] = { // a refused write keeps the text
+        {[&] { return dynstr_setulong(d, ULONG_MAX); }, "18446744073709551615"},
+        {[&] { return dynstr_setlong(d, LONG_MIN); }, "-9223372036854775808"},
+        {[&] { return dynstr_setint32(d, INT32_MIN); }, "-2147483648"},
+        {[&] { return dynstr_setipaddr(d, 0x0201A8C0); }, "192.168.1.2"},
+        {[&] { return dynstr_setipv6addr(d, v6); }, "fe80:f01::"},
+        {[&] { return dynstr_setipaddr_any(d, &any); }, "fe80:f01::"},
+        {[&] { return dynstr_setbool(d, -1); }, "1"},
+        {[&] { return dynstr_setipv6addr(d, nullptr) - kInvalid; }, "1"},
+        {[&] { return dynstr_setstring(d, dynstr_getstring(dynstr_fromulong(pool, ULONG_MAX))); }, "18446744073709551615"},
+        {[&] { return dynstr_setdynstr(d, dynstr_fromlong(pool, -5)); }, "-5"},
+        {[&] { return dynstr_setdynstr(d, dynstr_fromint32(pool, -6)); }, "-6"},
+        {[&] { return dynstr_setdynstr(d, dynstr_fromuint32(pool, 7)); }, "7"},
+        {[&] { return dynstr_setdynstr(d, dynstr_fromipv4addr(pool, 0x04030201)); }, "1.2.3.4"},
+        {[&] { return dynstr_setdynstr(d, dynstr_fromipaddr(pool, 0x04030201)); }, "1.2.3.4"},
+        {[&] { return dynstr_setdynstr(d, dynstr_hexstringfromdata(pool, v6, 3)); }, "fe800f"},
+        {[&] { return dynstr_setdynstr(d, dynstr_hexstringfromdata(pool, nullptr, 3)); }, ""},
+    };
+    for (const auto &[call, text] : rows) {
+        EXPECT_EQ(call(), MEMM_OK) << text;
+        EXPECT_STREQ(dynstr_getstring(d), text);
+    }
+    any.family = 3;
+    EXPECT_EQ(dynstr_setipaddr_any(d, &any), kInvalid);
+    // Booleans are one constant of the library, no buffer space.
+    EXPECT_EQ(dynstr_setbool(b, 0), MEMM_OK);
+    EXPECT_EQ(dynstr_setbool(d, 0), MEMM_OK);
+    EXPECT_TRUE(b->str == d->str && (d->flags & DYNSTR_FLAG_LITERAL));
+    const uint8_t big[100] = {};
+    EXPECT_EQ(dynstr_hexstringfromdata(strings("small", 20, 128), big, 100), nullptr); // 201 bytes fit no buffer
+    EXPECT_EQ(storage_fault(pool, 2 + 8), "");
+}
+
+// The hex writer keeps whole bytes, and stages a text larger than the free
+// tail until a collection makes room.
+TEST_F(Strings, HexWriterCutsAndStages) {
+    const uint8_t data[] = {0x01, 0xAB, 0x7F, 0x80};
+    const std::pair<uint32_t, const char *> rows[] = {{0, "01ab7f80"}, {1, ""}, {3, "01"}, {4, "01"},
+                                                      {5, "01ab"},     {8, "01ab7f"}, {9, "01ab7f80"}};
+    static char names[14][16];
+    int k = 0;
+    ASSERT_NE(pool, MEMM_INVALID_POOL);
+    for (const auto &[maxsize, text] : rows)
+        for (uint32_t free_bytes : {40u, 3u}) {
+            snprintf(names[k], sizeof names[k], "hex%d", k);
+            const uint32_t p = strings(names[k++], 20, 128); // two 64-byte buffers
+            dynstr *d = dynstr_calloc_maxsize(p, maxsize);
+            dynstr_fromstring(p, std::string(63 - free_bytes, 'f').c_str());
+            EXPECT_EQ(dynstr_sethexstring(d, data, 4), MEMM_OK);
+            EXPECT_STREQ(dynstr_getstring(d), text);
+            EXPECT_EQ(string_pool(p)->gc_reason[0][DYNSTR_GC_BUFFER_FULL] + string_pool(p)->gc_reason[1][DYNSTR_GC_BUFFER_FULL],
+                      strlen(text) + 1 > free_bytes ? 1u : 0u)
+                << maxsize << ", " << free_bytes;
+            EXPECT_EQ(storage_fault(p, 2), "");
+        }
+}
+
+int sign(int v) { return (v > 0) - (v < 0); }
+
+TEST_F(Strings, ComparisonsAgreeWithTheCLibrary) {
+    std::vector<const char *> texts = {"abc", "ABC", "abcd", "abXY", "", "b", "a\xe9", "Abd"};
+    std::vector<dynstr *> recs;
+    for (const char *t : texts)
+        recs.push_back(*t ? record(t) : record(nullptr));
+    dynstr *gone = record("g1");
+    record("x"); // keeps gone a placeholder
+    memm_free(gone);
+    recs.insert(recs.end(), {nullptr, gone});
+    texts.insert(texts.end(), {DYNSTR_TEXT_NOT_MEMMSTR, DYNSTR_TEXT_DELETED});
+    for (size_t i = 0; i < recs.size(); i++) {
+        for (size_t j = 0; j < recs.size(); j++) {
+            const char *a = texts[i], *b = texts[j];
+            EXPECT_EQ(sign(dynstr_strcmp(recs[i], recs[j])), sign(strcmp(a, b))) << a << " " << b;
+            EXPECT_EQ(sign(dynstr_strcmpi(recs[i], recs[j])), sign(strcasecmp(a, b))) << a << " " << b;
+            EXPECT_EQ(sign(dynstr_strcmp2(recs[i], b)), sign(strcmp(a, b))) << a << " " << b;
+            EXPECT_EQ(sign(dynstr_strcmpi2(recs[i], b)), sign(strcasecmp(a, b))) << a << " " << b;
+            for (uint32_t n : {0u, 1u, 3u, 100u}) {
+                EXPECT_EQ(sign(dynstr_strncmp(recs[i], recs[j], n)), sign(strncmp(a, b, n))) << a << " " << b << n;
+                EXPECT_EQ(sign(dynstr_strncmp2(recs[i], b, n)), sign(strncmp(a, b, n))) << a << " " << b << n;
+            }
+        }
+    }
+    // Copies out: cut and terminated, zero-padded, placeholder texts.
+    const std::pair<uint32_t, std::string> copies[] = {{4, std::string("abc\0", 4)}, {1, std::string(1, '\0')},
+                                                      {10, std::string("abc\0\0\0\0\0\0\0", 10)}};
+    for (const auto &[n, bytes] : copies) {
+        char buf[16];
+        memset(buf, 'X', sizeof buf);
+        EXPECT_EQ(dynstr_strncpy(buf, recs[0], n), buf);
+        EXPECT_EQ(std::string(buf, n), bytes);
+        EXPECT_EQ(buf[n], 'X');
+    }
+    char *dup = dynstr_strdup(recs[2]);
+    EXPECT_STREQ(dup, "abcd");
+    free(dup);
+    uint32_t replaced = 9;
+    dynstr *r = record("a/b/c");
+    EXPECT_EQ(dynstr_replace_char(r, '/', '.', &replaced), MEMM_OK);
+    EXPECT_STREQ(dynstr_getstring(r), "a.b.c");
+    EXPECT_EQ(replaced, 2u);
+}
+
+TEST_F(Strings, ReleasedTextsMergeAndTheLastIsCutOff) {
+    const uint32_t p = strings("merge", 20, 100, 1);
+    dynstr_pooldesc *desc = string_pool(p);
+    dynstr *r[6];
+    const char *texts[] = {"aa", "bbb", "cccc", "d", "ee", "f"};
+    for (int i = 0; i < 6; i++)
+        r[i] = dynstr_fromstring(p, texts[i]);
+    memm_free(r[0]);
+    memm_free(r[2]);
+    memm_free(r[1]); // absorbs its deleted neighbours on both sides
+    EXPECT_EQ(desc->buf_first[0], r[1]);
+    EXPECT_STREQ(r[1]->str, "aa&bbb&cccc");
+    EXPECT_EQ(desc->buf_firstdel[0], r[1]);
+    EXPECT_EQ(desc->recup_ctx, 2u);
+    EXPECT_EQ(memm_free(r[1]), MEMM_ERR_HOOK_FAILED); // a placeholder is neither released again nor written
+    EXPECT_EQ(dynstr_addstring(r[1], "revived"), kInvalid);
+    EXPECT_EQ(memm_test::log_count("[DYNSTR] loc_dynstr_free_ex: dynstr is already freed"), 1u);
+    EXPECT_EQ(memm_test::log_count_prefix("[MEMM] memm_free: free_ex failed for: "), 1u);
+    memm_free(r[5]);
+    EXPECT_EQ(desc->buf_used[0], 17u);
+    EXPECT_EQ(desc->recup_bytes, 2u);
+    memm_free(r[3]);
+    memm_free(r[4]); // ends the buffer by merging: cut off too
+    EXPECT_EQ(desc->buf_used[0], 0u);
+    EXPECT_EQ(desc->recup_bytes, 19u);
+    EXPECT_EQ(desc->recup_ctx, 6u);
+    EXPECT_EQ(storage_fault(p, 0), "");
+}
+
+TEST_F(Strings, EachCollectionTrigger) {
+    // buffer_full in a single buffer: compacted in place, order kept.
+    uint32_t p = strings("full1", 50, 40, 1);
+    dynstr *r[6];
+    const char *texts[] = {"aaaa", "bbbbbb", "cc", "ddddddd", "eee", "ff"};
+    for (int i = 0; i < 6; i++)
+        r[i] = dynstr_fromstring(p, texts[i]);
+    memm_free(r[1]);
+    memm_free(r[3]);
+    ASSERT_NE(dynstr_fromstring(p, "0123456789abcdefg"), nullptr); // fits only after compaction
+    EXPECT_EQ(std::string(string_pool(p)->buf_base[0], 33), std::string("aaaa\0cc\0eee\0ff\0" "0123456789abcdefg", 33));
+    EXPECT_EQ(string_pool(p)->gc_reason[0][DYNSTR_GC_BUFFER_FULL], 1u);
+    EXPECT_EQ(string_pool(p)->gc_ctx, 2u);
+    EXPECT_EQ(string_pool(p)->gc_bytes, 15u);
+    // ctx_balance: the current buffer holds more than its share of records.
+    p = strings("balance", 15, 1000, 2);
+    for (int i = 0; i < 11; i++)
+        dynstr_fromstring(p, "x");
+    EXPECT_EQ(string_pool(p)->gc_reason[0][DYNSTR_GC_CTX_BALANCE], 1u);
+    EXPECT_EQ(string_pool(p)->curbuffer, 1u);
+    // ctx_depleted: a placement that took a reserve slot collects.
+    p = strings("reserve", 2, 100, 1);
+    dynstr_fromstring(p, "a");
+    EXPECT_EQ(string_pool(p)->gc_reason[0][DYNSTR_GC_CTX_DEPLETED], 1u);
+    // A staged text that exactly fills what a collection frees.
+    p = strings("exact", 20, 40, 1);
+    dynstr *dead = dynstr_fromstring(p, "aaaa");
+    dynstr_fromstring(p, "bbbbbbbbbb");
+    memm_free(dead);
+    EXPECT_EQ(dynstr_setstring(dynstr_calloc(p), std::string(28, 'c').c_str()), MEMM_OK);
+    EXPECT_EQ(string_pool(p)->buf_used[0], 40u);
+    // A full record pool: a collecting allocation collects each buffer once.
+    p = strings("exhausted", 5, 400, 4);
+    while (memm_get_pool_nolock(p)->cur_count < 9)
+        ASSERT_NE(dynstr_calloc(p), nullptr);
+    const uint32_t gcs = string_pool(p)->gc_count;
+    EXPECT_EQ(dynstr_calloc(p), nullptr);
+    EXPECT_EQ(string_pool(p)->gc_count - gcs, 4u);
+}
+
+TEST_F(Strings, OutOfBufferMemoryEmptiesTheRecordAndListsFourTimes) {
+    const uint32_t full = strings("full", 2, 2, 1); // a buffer left exactly full
+    dynstr *x = dynstr_fromstring(full, "x");
+    const char *end = string_pool(full)->buf_base[0] + 2;
+    EXPECT_EQ(dynstr_setstring(x, "y"), MEMM_ERR_NO_MEMORY);
+    EXPECT_EQ(x->str, nullptr);
+    const std::string file = memm_test::fmt("/root/memm_list_pool_depleted_%d", getpid());
+    EXPECT_EQ(memm_test::read_report_file(file).find(memm_test::fmt("data=0x%08lx", memm_test::addr(end))), std::string::npos);
+    const uint32_t p = strings("s", 20, 64);
+    const std::string big(40, 'x');
+    dynstr *d = dynstr_fromstring(p, "small");
+    const uint32_t gcs = string_pool(p)->gc_count;
+    EXPECT_EQ(dynstr_setstring(d, big.c_str()), MEMM_ERR_NO_MEMORY);
+    EXPECT_EQ(string_pool(p)->gc_count - gcs, 2u); // one collection per buffer
+    EXPECT_TRUE(d->str == nullptr && d->flags == DYNSTR_FLAG_LITERAL);
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(dynstr_fromstring(p, big.c_str()), nullptr);
+    EXPECT_EQ(storage_fault(p, 1), "");
+    EXPECT_EQ(memm_test::log_count("Out of string buffer memory for pool 's' !!!!!!!!!!!!!!!!!!!!!!!!!!!!!!"), 6u);
+    const std::string list = memm_test::read_report_file(file);
+    size_t listings = 0;
+    for (size_t at = list.find("Creation reason=pool_depleted"); at != std::string::npos; at = list.find("Creation reason=", at + 1))
+        listings++;
+    EXPECT_EQ(listings, 4u); // the first of them for "full"
+}
+
+TEST_F(Strings, LongFormRecordsAndPlaceholders) {
+    const uint32_t p = strings("long", 20, 300000, 1);
+    const std::string t1(40000, 'a'), t2(40000, 'b');
+    dynstr *a = dynstr_fromstring(p, t1.c_str()), *b = dynstr_fromstring(p, t2.c_str());
+    dynstr_fromstring(p, "tail");
+    ASSERT_EQ(dynstr_setstring(a, (t1 + t2).c_str()), MEMM_OK);
+    EXPECT_TRUE((a->flags & DYNSTR_FLAG_LONG) && dynstr_strlen(a) == 80000u);
+    EXPECT_EQ(dynstr_setmaxsize(a, 100000), MEMM_OK); // a long record has no maximum
+    EXPECT_EQ(dynstr_getmaxsize(a), 0u);
+    memm_free(b); // merges with a's old text into one long placeholder
+    const dynstr *merged = string_pool(p)->buf_first[0];
+    EXPECT_EQ(merged->flags & (DYNSTR_FLAG_LONG | DYNSTR_FLAG_DELETED), DYNSTR_FLAG_LONG | DYNSTR_FLAG_DELETED);
+    EXPECT_EQ(DYNSTR_SIZE(merged->flags), 80002u);
+    ASSERT_EQ(dynstr_setstring(a, "short"), MEMM_OK);
+    EXPECT_EQ(a->flags & (DYNSTR_FLAG_LONG | DYNSTR_FLAG_LITERAL), 0u);
+    EXPECT_EQ(storage_fault(p, 2), "");
+}
+
+} // namespace
