@@ -177,11 +177,6 @@ TEST_F(Strings, ComparisonsAgreeWithTheCLibrary) {
     char *dup = dynstr_strdup(recs[2]);
     EXPECT_STREQ(dup, "abcd");
     free(dup);
-    uint32_t replaced = 9;
-    dynstr *r = record("a/b/c");
-    EXPECT_EQ(dynstr_replace_char(r, '/', '.', &replaced), MEMM_OK);
-    EXPECT_STREQ(dynstr_getstring(r), "a.b.c");
-    EXPECT_EQ(replaced, 2u);
 }
 
 TEST_F(Strings, ReleasedTextsMergeAndTheLastIsCutOff) {
