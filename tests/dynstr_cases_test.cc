@@ -139,30 +139,6 @@ TEST_F(Strings, TypedWritersAndConstructors) {
     EXPECT_EQ(storage_fault(pool, 2 + 8), "");
 }
 
-// The hex writer keeps whole bytes, and stages a text larger than the free
-// tail until a collection makes room.
-TEST_F(Strings, HexWriterCutsAndStages) {
-    const uint8_t data[] = {0x01, 0xAB, 0x7F, 0x80};
-    const std::pair<uint32_t, const char *> rows[] = {{0, "01ab7f80"}, {1, ""}, {3, "01"}, {4, "01"},
-                                                      {5, "01ab"},     {8, "01ab7f"}, {9, "01ab7f80"}};
-    static char names[14][16];
-    int k = 0;
-    ASSERT_NE(pool, MEMM_INVALID_POOL);
-    for (const auto &[maxsize, text] : rows)
-        for (uint32_t free_bytes : {40u, 3u}) {
-            snprintf(names[k], sizeof names[k], "hex%d", k);
-            const uint32_t p = strings(names[k++], 20, 128); // two 64-byte buffers
-            dynstr *d = dynstr_calloc_maxsize(p, maxsize);
-            dynstr_fromstring(p, std::string(63 - free_bytes, 'f').c_str());
-            EXPECT_EQ(dynstr_sethexstring(d, data, 4), MEMM_OK);
-            EXPECT_STREQ(dynstr_getstring(d), text);
-            EXPECT_EQ(string_pool(p)->gc_reason[0][DYNSTR_GC_BUFFER_FULL] + string_pool(p)->gc_reason[1][DYNSTR_GC_BUFFER_FULL],
-                      strlen(text) + 1 > free_bytes ? 1u : 0u)
-                << maxsize << ", " << free_bytes;
-            EXPECT_EQ(storage_fault(p, 2), "");
-        }
-}
-
 int sign(int v) { return (v > 0) - (v < 0); }
 
 TEST_F(Strings, ComparisonsAgreeWithTheCLibrary) {
@@ -201,11 +177,6 @@ TEST_F(Strings, ComparisonsAgreeWithTheCLibrary) {
     char *dup = dynstr_strdup(recs[2]);
     EXPECT_STREQ(dup, "abcd");
     free(dup);
-    uint32_t replaced = 9;
-    dynstr *r = record("a/b/c");
-    EXPECT_EQ(dynstr_replace_char(r, '/', '.', &replaced), MEMM_OK);
-    EXPECT_STREQ(dynstr_getstring(r), "a.b.c");
-    EXPECT_EQ(replaced, 2u);
 }
 
 TEST_F(Strings, ReleasedTextsMergeAndTheLastIsCutOff) {
