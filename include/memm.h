@@ -206,7 +206,8 @@ typedef struct memm_pooldesc {
  *
  * Environment, read once by memm_init:
  *   MEMM_LOG=stderr           every diagnostic line is also written to
- *                             standard error, followed by a newline (default:
+ *                             standard error, followed by a newline unless
+ *                             it ends with one already (default:
  *                             syslog only, LOG_DEBUG). A diagnostic logged
  *                             before memm_init looks at the variable itself.
  *   MEMM_REPORT_DIR=<folder>  every dump and list file is written into that

@@ -59,9 +59,12 @@ void loc_log(const char *fmt, ...) {
     va_end(ap);
     syslog(LOG_DEBUG, "%s", line);
     if (n >= 0 && loc_log_to_stderr()) {
-        // One write per line, so lines of two threads never interleave.
-        iovec parts[2] = {{line, n < int(sizeof line) ? size_t(n) : sizeof line - 1}, {const_cast<char *>("\n"), 1}};
-        ssize_t ignored = writev(STDERR_FILENO, parts, 2);
+        // One write per line, so lines of two threads never interleave. A
+        // text that ends its own line gets no second line end.
+        const size_t len = n < int(sizeof line) ? size_t(n) : sizeof line - 1;
+        const bool ended = len && line[len - 1] == '\n';
+        iovec parts[2] = {{line, len}, {const_cast<char *>("\n"), 1}};
+        ssize_t ignored = writev(STDERR_FILENO, parts, ended ? 1 : 2);
         (void)ignored;
     }
 }

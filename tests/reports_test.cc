@@ -276,7 +276,7 @@ TEST(ReportFiles, TaggingDumpsAndProfilingLists) {
     EXPECT_EQ(log_count("Could not open " + report_path("/var/memm_list_profiling_1") + " file"), 1u);
     std::string logged;
     for (const std::string &line : log_texts())
-        logged += line + "\n";
+        logged += !line.empty() && line.back() == '\n' ? line : line + "\n";
     EXPECT_EQ(on_stderr, logged);
     EXPECT_EQ(listing("listed", MEMM_LIST_OPT_ONLY_TAGGED).find(".[tagged]"),
               std::string::npos); // untagged all the same
