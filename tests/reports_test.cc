@@ -249,10 +249,6 @@ TEST(ReportFiles, DepletionWritesOneDumpAndOneListing) {
                              listing("scarce", MEMM_LIST_OPT_REQUESTED | MEMM_LIST_OPT_HIDE_DELETED_DYNSTR, 250);
     EXPECT_EQ(read_report_file(dump_name), dump);
     EXPECT_EQ(read_report_file(list_name), list);
-
-    ASSERT_EQ(memm_calloc(id), nullptr); // later depletions add nothing
-    EXPECT_EQ(read_report_file(dump_name), dump);
-    EXPECT_EQ(read_report_file(list_name), list);
 }
 
 TEST(ReportFiles, TaggingDumpsAndProfilingLists) {
@@ -315,8 +311,7 @@ TEST(ListingObjects, OptionsLimitExtensionsAndCountCheck) {
     // counting before the tag test; from 2^31 on it counts as no limit.
     const uint32_t T = MEMM_LIST_OPT_ONLY_TAGGED;
     const uint32_t cases[][3] = {// options, limit, first index listed
-                                 {0, 0, 0},          {0, 2, 7}, {0, 6, 3}, {0, 1u << 31, 0},
-                                 {0, UINT32_MAX, 0}, {T, 0, 0}, {T, 6, 3}, {T, 9, 0}};
+                                 {0, 0, 0}, {0, 2, 7}, {0, 6, 3}, {0, 1u << 31, 0}, {T, 0, 0}, {T, 6, 3}, {T, 9, 0}};
     for (const auto &c : cases) {
         std::string objects;
         for (uint32_t i = c[2]; i < 10; i++)
