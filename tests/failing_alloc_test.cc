@@ -100,7 +100,11 @@ std::string scenario(uint32_t *strings) {
         {"memm_init", [&] { return memm_init(3, 2) != MEMM_OK; }},
         {"memm_initpool", [&] { return (plain = memm_initpool("plain", 2, 24, nullptr)) == MEMM_INVALID_POOL; }},
         {"dynstr_initpool", [&] { return (*strings = dynstr_initpool("strings", 4, 64)) == MEMM_INVALID_POOL; }},
-        {"extension growth", [&] { return memm_calloc(plain), memm_calloc(plain), !memm_calloc(plain); }},
+        // A chain that cannot grow says why; without the line the failure counts as hidden.
+        {"extension growth", [&] {
+             return memm_calloc(plain), memm_calloc(plain),
+                    !memm_calloc(plain) && memm_test::log_count_prefix("[MEMM] Error: Failed to extend pool [") == 1;
+         }},
         {"string write", [&] { return !(first = dynstr_fromstring(*strings, text)); }},
         {"record allocation", [&] { return !(second = dynstr_calloc(*strings)); }},
         {"staged string write",
@@ -125,6 +129,12 @@ std::string scenario(uint32_t *strings) {
     memm_get_overall_stats(nullptr, nullptr, nullptr, nullptr, nullptr); // runs the pool integrity check
     if (memm_test::log_count_prefix("[MEMM] integrity check failed") != 0)
         problem += " pool integrity check failed;";
+    // A pool that could not be made gives its descriptor back.
+    uint32_t pools = 0;
+    for (uint32_t id = 0; id < memm_get_number_of_pools(); id++)
+        pools += memm_get_pool_nolock(id) && memm_get_pool_nolock(id)->storage;
+    if (pools && memm_get_pool_nolock(0)->cur_count != pools)
+        problem += " a descriptor is lost;";
     if (strings != MEMM_INVALID_POOL && dynstr_integrity_check(strings, 0) != 1)
         problem += " string pool integrity check failed;";
     if (!problem.empty()) {
