@@ -1,7 +1,9 @@
-// What the pool model cannot express, one row per process: start-up, pool
-// creation, the descriptor table, chain growth and depletion, the gc hook,
-// release hooks and reference limits, each with the exact log lines it
-// leaves (a release line's address shown as <p>, its " called from ..." cut off).
+// What the pool model cannot express, one row per process: start-up, bad
+// pool arguments, the descriptor table's growth, depletion of a faulty pool
+// or inside its own report, the gc hook and reserve, release hooks, bad
+// releases and reference limits, each with the exact log lines it leaves (a
+// release line's address shown as <p>, its " called from ..." cut off).
+// Growth by extensions and plain depletion are the model's (pool_model_test).
 #include <string.h>
 
 #include <atomic>
