@@ -401,6 +401,18 @@ TEST(DynstrIntegrity, VerboseListingAndRecordLines) {
     EXPECT_NE(out.find(fmt("\r\n%p", static_cast<const void *>(merged)) + line), std::string::npos);
     EXPECT_NE(out.find("--> cnt=2, delcnt=1\r\n + alloc-list buffer 1: --> cnt=0, delcnt=0\r\n"), std::string::npos);
 
+    // An empty text, and a preview cut after 47 characters.
+    dynstr *empty = dynstr_fromstring(pool, "");
+    EXPECT_EQ(record_line(pool, empty),
+              fmt(" - bnr=-1, maxsize=0, size=0, literal, data=0x00000000='', allocaddr %p", allocfrom(empty)));
+    const std::string t47(47, 'a'), t48 = std::string(47, 'b') + "c";
+    dynstr *d47 = dynstr_fromstring(pool, t47.c_str());
+    dynstr *d48 = dynstr_calloc_maxsize(pool, 60);
+    dynstr_setstring(d48, t48.c_str());
+    EXPECT_NE(record_line(pool, d47).find("size=48, data=0x"), std::string::npos);
+    EXPECT_NE(record_line(pool, d47).find("='" + t47 + "', allocaddr"), std::string::npos);
+    EXPECT_NE(record_line(pool, d48).find("maxsize=60, size=49, data="), std::string::npos);
+    EXPECT_NE(record_line(pool, d48).find("='" + std::string(47, 'b') + "...', allocaddr"), std::string::npos);
     hooks(pool).print2(string_pool(pool), print_capture); // not a record of a string pool
     EXPECT_EQ(take_printed(), "");
 }
@@ -468,6 +480,16 @@ TEST(DynstrStatistics, PoolAndBufferLines) {
                               "     - string buffer 1, gc reason ctx_balance/ctx_depleted/buffer_full:   0%/  0%/100%\r\n"
                               "     - string buffer 2, gc reason ctx_balance/ctx_depleted/buffer_full:   0%/  0%/  0%\r\n");
 
+    // Large collection counts eat into the padding; a depleted pool shows >100%.
+    p->state |= DYNSTR_STATE_DEPLETED;
+    p->gc_count = 1000000;
+    hooks(pool).print_stats(p, &live, &peak, &capacity, print_capture);
+    const std::string line = take_printed();
+    EXPECT_NE(line.find("buffers,       #gc, min#/gc:1000000,"), std::string::npos) << line;
+    EXPECT_NE(line.find("  (>100%)"), std::string::npos) << line;
+    p->gc_count = 10000000;
+    hooks(pool).print_stats(p, &live, &peak, &capacity, print_capture);
+    EXPECT_NE(take_printed().find("buffers,      #gc, min#/gc:10000000,"), std::string::npos);
 }
 
 
