@@ -29,6 +29,10 @@ struct Chain {
     bool depleted = false;
 };
 
+// What expected_slot answers for an allocation that must make an extension:
+// its first slot, whose address is not known before.
+uint8_t *const kNewExtension = reinterpret_cast<uint8_t *>(1);
+
 std::vector<uint32_t> pools_of(uint32_t root) {
     std::vector<uint32_t> ids;
     for (uint32_t id = root; id; id = memm_get_pool_nolock(id)->next_pool)
@@ -47,7 +51,9 @@ uint8_t *expected_slot(Chain &c, uint32_t id, bool nogc, std::vector<std::string
     for (uint32_t p : nogc ? std::vector<uint32_t>{id} : ids)
         if (memm_get_pool_nolock(p)->free_head)
             return memm_get_pool_nolock(p)->free_head;
-    if (nogc && (id != c.root || c.grows)) { // never extends, silently
+    // Without growth a full pool refuses silently, before the root counts the
+    // call; only a pool that may never grow reports its depletion.
+    if (nogc && (id != c.root || c.grows)) {
         if (from_root)
             c.calls[MEMM_ALLOC_CALLS_TOTAL]--, c.calls[MEMM_ALLOC_CALLS_DYNPOOL]--;
         return nullptr;
@@ -56,7 +62,7 @@ uint8_t *expected_slot(Chain &c, uint32_t id, bool nogc, std::vector<std::string
         const int n = c.count <= 15 ? 3 : c.count / 5;
         logs.push_back(fmt("[MEMM] Info: Pool [%d: %s] extended with an extra dynamic pool (%d, %d elements)",
                            int(c.root), c.name, int(memm_get_number_of_pools()), n));
-        return reinterpret_cast<uint8_t *>(1); // the first slot of the new pool
+        return kNewExtension;
     }
     if (!c.depleted)
         logs.push_back(fmt("memm__calloc() failed for pool '%s' (pool depleted), POOL DEPLETED !!!!!!!!!!!!!!!", c.name));
@@ -125,7 +131,7 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
             memm_lock("model");
             auto *obj = static_cast<uint8_t *>(nogc ? memm_calloc_nolock_nogc(id) : memm_calloc(id));
             memm_unlock();
-            if (expected == reinterpret_cast<uint8_t *>(1))
+            if (expected == kNewExtension)
                 ASSERT_EQ(memm_get_poolid(obj), memm_get_number_of_pools() - 1);
             else
                 ASSERT_EQ(obj, expected ? expected + MEMM_OBJHDR_SIZE : nullptr);
