@@ -4,10 +4,11 @@
 // that may not grow at all. The model predicts which slot each allocation
 // takes (the first free one of the chain, root first, last released first),
 // when an extension is made and how large, when a chain is depleted, every
-// log line of those paths, and the counters, peaks, walks, indexes and
-// slot states the pools must show afterwards.
+// log line of those paths and of tagging, and the counters, peaks, tag
+// marks, walks, indexes and slot states the pools must show afterwards.
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -114,6 +115,7 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
     memm_disallow_expansion(chains[2].root);
     std::map<uint32_t, uint32_t> peak;
     std::map<uint32_t, int32_t> ref_peak;
+    std::map<uint8_t *, bool> tagged; // the tag mark of each live object
     std::mt19937 rng(20261122);
 
     for (int step = 0; step < 20000; step++) {
@@ -125,7 +127,18 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
         const bool filling = step / 1500 % 2 == 0;                    // phases that fill and empty the chains
         std::vector<std::string> logs;
         memm_test::clear_logs();
-        if (op < (filling ? 6u : 3u)) {
+        if (rng() % 50 == 0) { // tagging marks the chain's objects, logging each of its pools with the objects from it on
+            const int tag = int(rng() % 2);
+            for (size_t k = 0; k < ids.size(); k++) {
+                size_t n = 0;
+                for (auto &[obj, l] : model)
+                    n += std::find(ids.begin() + long(k), ids.end(), memm_get_poolid(obj)) != ids.end();
+                logs.push_back(fmt("%stagged %d object(s) in pool %s\r\n", tag ? "" : "un", int(n), c.name));
+            }
+            for (auto &entry : model)
+                tagged[entry.first] = tag;
+            ASSERT_EQ(memm_tag_objects(c.name, tag), 0);
+        } else if (op < (filling ? 6u : 3u)) {
             const bool nogc = op == 0;
             uint8_t *expected = expected_slot(c, id, nogc, logs);
             memm_lock("model");
@@ -140,7 +153,7 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
                     ASSERT_EQ(obj[i], 0) << "slot not zero-filled";
                 const uint8_t fill = uint8_t(rng());
                 memset(obj, fill, size_t(c.objsize));
-                model[obj] = {1, fill};
+                model[obj] = {1, fill}, tagged[obj] = false;
                 ASSERT_TRUE(memm_instanceof(obj, c.root) && memm_get_poolname(obj) == c.name);
             }
         } else if (!model.empty()) {
@@ -154,7 +167,7 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
                 ASSERT_EQ(memm_free(obj), MEMM_OK);
                 c.frees++;
                 if (--it->second.refs == 0) {
-                    model.erase(it);
+                    model.erase(it), tagged.erase(obj);
                     ASSERT_TRUE(!memm_isvalidobj(obj) && !memm_get_refcount(obj) && !memm_getnext(obj));
                 }
             }
@@ -168,6 +181,11 @@ TEST(Model, RandomAllocReferenceReleaseMatchesTheModel) {
             const uint64_t *calls = memm_get_pool_nolock(each.root)->alloc_calls;
             ASSERT_EQ(std::vector<uint64_t>(calls, calls + 3), std::vector<uint64_t>(each.calls, each.calls + 3));
             ASSERT_EQ(memm_model::chain_sum(each.root, [](const memm_pooldesc *p) { return p->free_calls; }), each.frees);
+        }
+        for (auto &[obj, mark] : tagged) { // references leave the mark alone
+            uint32_t state;
+            memcpy(&state, obj - MEMM_OBJHDR_SIZE, 4);
+            ASSERT_EQ((state & MEMM_STATE_TAGGED) != 0, mark);
         }
         for (auto &[pool, r] : ref_peak)
             refs_max = std::max(refs_max, r);

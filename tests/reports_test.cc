@@ -1,7 +1,8 @@
 // The reports' exact texts: the usage table, the integrity check's
-// messages, the time report, report files, object lines and listings,
-// tagging, and the string pools' record lines, integrity check and buffer
-// statistics, compared with text built from the reports' own formats.
+// messages, the time report, report files, object lines and listings
+// (tagging is the pool model's), and the string pools' record lines,
+// integrity check and buffer statistics, compared with text built from the
+// reports' own formats.
 #include <unistd.h>
 
 #include <algorithm>
@@ -81,7 +82,6 @@ std::string printed(void *obj, int details) {
     return memm_printobject2(obj, details, print_capture), take_printed();
 }
 
-bool tagged(void *obj) { return printed(obj, 0).find(".[tagged]") != std::string::npos; }
 
 
 // Listings hand the hook scratch totals, never null ones.
@@ -346,35 +346,6 @@ TEST(ListingObjects, OptionsLimitExtensionsAndCountCheck) {
     EXPECT_FALSE(has(shown, gone));
     EXPECT_NE(shown.find(" - bnr="), std::string::npos); // records print through the pool's print2
 
-}
-
-TEST(ListingTagging, MarksSelectedChainsAndLogsEachPool) {
-    ASSERT_EQ(memm_init(8, 0), MEMM_OK);
-    const uint32_t a = memm_initpool("t_a", 10, 8, nullptr);
-    memm_initpool("t_b", 4, 8, nullptr);
-    std::vector<void *> objs = fill(a, 12); // 2 of them in an extension pool
-    void *other = memm_calloc(memm_initpool("u_c", 4, 8, nullptr));
-    memm_refalloc(objs[0]);
-    auto line = [](const char *un, int n, const char *pool) {
-        return fmt("%stagged %d object(s) in pool %s\r\n", un, n, pool);
-    };
-
-    // An extension pool bears its root's name: counted with the root and on its own turn.
-    clear_logs();
-    EXPECT_EQ(memm_tag_objects("t_", 1), 0);
-    EXPECT_EQ(log_texts(), (std::vector<std::string>{line("", 12, "t_a"), line("", 0, "t_b"), line("", 2, "t_a")}));
-    EXPECT_TRUE(tagged(objs[0]) && tagged(objs[11]));
-    EXPECT_FALSE(tagged(other));
-
-    clear_logs();
-    EXPECT_EQ(memm_tag_objects("t_a", 0), 0);
-    EXPECT_EQ(log_texts(), (std::vector<std::string>{line("un", 12, "t_a"), line("un", 2, "t_a")}));
-    EXPECT_FALSE(tagged(objs[0]) || tagged(objs[11]));
-    EXPECT_EQ(memm_get_refcount(objs[0]), 2u); // marks leave the reference count alone
-
-    memm_tag_objects("t_a", 1);
-    memm_free(objs[11]);
-    EXPECT_FALSE(tagged(memm_calloc(a))); // a released object comes back untagged
 }
 
 TEST(DynstrIntegrity, VerboseListingAndRecordLines) {
