@@ -80,6 +80,10 @@ inline std::string objects_fault(uint32_t root, const LiveObjects &model, size_t
         walked.push_back(o);
     if (walked != expected)
         return str("the walk gives ", walked.size(), " objects, model ", expected.size(), " (or another order)");
+    walked.clear(); // memm_search offers each of them once, in the same order
+    memm_search(root, &walked, [](void *o, void *seen) { return static_cast<std::vector<void *> *>(seen)->push_back(o), 0; });
+    if (walked != expected)
+        return "memm_search offers other objects";
     if (memm_enum_objects(root, [](void *, void *) { return 1; }, nullptr) != model.size())
         return "memm_enum_objects visits another number of objects";
     for (void *o : expected) {

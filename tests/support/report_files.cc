@@ -36,12 +36,6 @@ const bool g_folder_made = [] {
            }) == 0;
 }();
 
-// The library's default folder of a report file: depletion reports go to /root.
-std::string default_path(const std::string &name) {
-    const bool depleted = name.find("_pool_depleted_") != std::string::npos;
-    return (depleted ? "/root/" : "/var/") + name;
-}
-
 } // namespace
 
 std::string report_path(const std::string &library_path) {
@@ -57,7 +51,9 @@ std::string read_report_file(const std::string &library_path) {
 std::vector<std::string> report_files() {
     std::vector<std::string> out;
     for (const auto &entry : std::filesystem::directory_iterator(g_folder))
-        out.push_back(default_path(entry.path().filename().string()));
+        // the library's default folder: depletion reports go to /root
+        out.push_back((entry.path().filename().string().find("_pool_depleted_") != std::string::npos ? "/root/" : "/var/") +
+                      entry.path().filename().string());
     std::sort(out.begin(), out.end());
     return out;
 }
@@ -79,10 +75,8 @@ int print_capture(const char *format, ...) {
     char *text = nullptr;
     const int n = vasprintf(&text, format, ap);
     va_end(ap);
-    if (n >= 0) {
-        g_printed.append(text, size_t(n));
-        free(text);
-    }
+    if (n >= 0)
+        g_printed.append(text, size_t(n)), free(text);
     return n;
 }
 
@@ -108,14 +102,12 @@ std::string output_to_fd(int fd, const std::function<void()> &run) {
 
 std::string usage_table(const char *prefix) {
     take_printed();
-    memm_print_stats2(prefix, print_capture);
-    return take_printed();
+    return memm_print_stats2(prefix, print_capture), take_printed();
 }
 
 std::string listing(const char *prefix, uint32_t options, uint32_t limit) {
     take_printed();
-    memm_print_objects4(prefix, options, print_capture, limit);
-    return take_printed();
+    return memm_print_objects4(prefix, options, print_capture, limit), take_printed();
 }
 
 std::vector<void *> fill(uint32_t pool, int n) {

@@ -23,21 +23,6 @@ std::string vfmt(const char *format, va_list ap) {
     return s;
 }
 
-void capture(const char *format, va_list ap) {
-    std::string text = vfmt(format, ap);
-    std::lock_guard<std::mutex> g(g_mutex);
-    g_lines.push_back(std::move(text));
-}
-
-} // namespace
-
-std::vector<std::string> log_texts() {
-    std::lock_guard<std::mutex> g(g_mutex);
-    return g_lines;
-}
-
-namespace {
-
 size_t count_if(const std::string &text, bool prefix) {
     size_t n = 0;
     for (const std::string &line : log_texts())
@@ -46,6 +31,17 @@ size_t count_if(const std::string &text, bool prefix) {
 }
 
 } // namespace
+
+void capture(const char *format, va_list ap) {
+    std::string text = vfmt(format, ap);
+    std::lock_guard<std::mutex> g(g_mutex);
+    g_lines.push_back(std::move(text));
+}
+
+std::vector<std::string> log_texts() {
+    std::lock_guard<std::mutex> g(g_mutex);
+    return g_lines;
+}
 
 void clear_logs() {
     std::lock_guard<std::mutex> g(g_mutex);
@@ -65,19 +61,15 @@ std::string fmt(const char *format, ...) {
 
 } // namespace memm_test
 
+// The plain and the fortified entry points, as the library may be built with either.
+#define CAPTURE_VARIADIC(format) \
+    va_list ap;                  \
+    va_start(ap, format);        \
+    memm_test::capture(format, ap); \
+    va_end(ap);
 extern "C" {
-void syslog(int, const char *format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    memm_test::capture(format, ap);
-    va_end(ap);
-}
+void syslog(int, const char *format, ...) { CAPTURE_VARIADIC(format) }
+void __syslog_chk(int, int, const char *format, ...) { CAPTURE_VARIADIC(format) }
 void vsyslog(int, const char *format, va_list ap) { memm_test::capture(format, ap); }
-void __syslog_chk(int, int, const char *format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    memm_test::capture(format, ap);
-    va_end(ap);
-}
 void __vsyslog_chk(int, int, const char *format, va_list ap) { memm_test::capture(format, ap); }
 }

@@ -4,11 +4,15 @@
 #ifndef MEMM_TEST_SYSLOG_CAPTURE_H
 #define MEMM_TEST_SYSLOG_CAPTURE_H
 
+#include <stdarg.h>
+
 #include <string>
 #include <vector>
 
 namespace memm_test {
 
+// Keeps one line: what the test binaries' syslog does.
+void capture(const char *format, va_list ap);
 std::vector<std::string> log_texts();
 void clear_logs();
 // Number of captured lines equal to `text`.
