@@ -211,6 +211,8 @@ TEST(Misuse, BadInputsGiveTheirResultAndChangeNothing) {
             C(dynstr_strncmp2(b.d(), "*NOT_", 5))}},
         {0, MEMM_INVALID_POOL, "[DYNSTR] dynstr_initpool(): invalid buffer count 0",
             {C(dynstr_initpool2("x", 4, 64, 0))}},
+        {0, MEMM_INVALID_POOL, "[DYNSTR] dynstr_initpool(): invalid record count 2147483643",
+            {C(dynstr_initpool2("x", 2147483643u, 64, 1))}},
         {0, MEMM_INVALID_POOL, nullptr, {C(dynstr_initpool2(nullptr, 4, 64, 1)), C(dynstr_initpool(nullptr, 4, 64))}},
         {kDeleted, 0, "", {C(dynstr_refalloc(b.d()))}},
         {kNotRec, 0, nullptr, {C(dynstr_isdynstring(b.p)), C(dynstr_getmaxsize(b.d())), C(dynstr_fromdynstr(b.d())),
