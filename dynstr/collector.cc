@@ -38,21 +38,12 @@ using memm_detail::loc_log;
 // Texts of up to 64 bytes are loaded whole before they are stored, without
 // the call.
 inline void move_down(char *dst, const char *src, size_t n) {
-    if (n > 64 || n < 16) {
+    if (n > 64 || n < 16)
         memmove(dst, src, n);
-    } else if (n > 32) {
-        char head[32], tail[32];
-        memcpy(head, src, 32);
-        memcpy(tail, src + n - 32, 32);
-        memcpy(dst, head, 32);
-        memcpy(dst + n - 32, tail, 32);
-    } else {
-        char head[16], tail[16];
-        memcpy(head, src, 16);
-        memcpy(tail, src + n - 16, 16);
-        memcpy(dst, head, 16);
-        memcpy(dst + n - 16, tail, 16);
-    }
+    else if (n > 32)
+        move_ends<32>(dst, src, n);
+    else
+        move_ends<16>(dst, src, n);
 }
 
 // The collector trusts the list but says so when it finds it out of order.

@@ -121,24 +121,25 @@ inline void release_unbuffered(memm_pooldesc *records, dynstr *d) {
         memm_free_nolock(d);
 }
 
+// Moves n bytes, N <= n <= 2N, as two loads of N bytes from both ends (which
+// may overlap) before any store, so the ranges may overlap too.
+template <size_t N> inline void move_ends(char *dst, const char *src, size_t n) {
+    char head[N], tail[N];
+    memcpy(head, src, N);
+    memcpy(tail, src + n - N, N);
+    memcpy(dst, head, N);
+    memcpy(dst + n - N, tail, N);
+}
+
 // Copying and zeroing n bytes of text. Most texts are short: up to 32 bytes
-// two moves of a fixed size from both ends (which may overlap) save the
-// call.
+// two moves of a fixed size from both ends save the call.
 inline void copy_text(char *dst, const char *src, size_t n) {
     if (n > 32) {
         memcpy(dst, src, n);
     } else if (n >= 16) {
-        char head[16], tail[16];
-        memcpy(head, src, 16);
-        memcpy(tail, src + n - 16, 16);
-        memcpy(dst, head, 16);
-        memcpy(dst + n - 16, tail, 16);
+        move_ends<16>(dst, src, n);
     } else if (n >= 8) {
-        char head[8], tail[8];
-        memcpy(head, src, 8);
-        memcpy(tail, src + n - 8, 8);
-        memcpy(dst, head, 8);
-        memcpy(dst + n - 8, tail, 8);
+        move_ends<8>(dst, src, n);
     } else {
         for (size_t i = 0; i < n; i++)
             dst[i] = src[i];
