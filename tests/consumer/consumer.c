@@ -1,43 +1,47 @@
-/* A C program built against memm with the flags of pkg-config: it checks the
- * version header against the version pkg-config reported, then uses a pool,
- * a dynamic string and a string list. */
+// A C program built against memm with the flags of pkg-config, as C99 with
+// warnings as errors: every public header must compile as C. It checks the
+// version header against the version pkg-config reported, then runs a pool
+// object's life, a formatted string and a string list.
 #include <stdio.h>
 #include <string.h>
 
+#include "dynstr.h"
+#include "llist.h"
+#include "memm.h"
 #include "memm_version.h"
 #include "strlist.h"
 
 #define MEMM_STR2(x) #x
 #define MEMM_STR(x) MEMM_STR2(x)
 
-static int fail(const char *what) {
-    fprintf(stderr, "consumer (pkg-config): %s\n", what);
-    return 1;
-}
+struct record {
+    int id;
+    char label[12];
+};
 
 int main(void) {
     const char *parts = MEMM_STR(MEMM_VERSION_MAJOR) "." MEMM_STR(MEMM_VERSION_MINOR) "." MEMM_STR(MEMM_VERSION_PATCH);
-    uint32_t nodes, strings;
+    uint32_t pool, strings, nodes;
+    struct record *r;
     dynstr *text;
     llist_node *list;
-    if (strcmp(parts, MEMM_EXPECTED_VERSION) != 0 || strcmp(MEMM_VERSION_STRING, MEMM_EXPECTED_VERSION) != 0)
-        return fail("memm_version.h does not match the package version");
-    if (memm_init(8, 1) != MEMM_OK)
-        return fail("memm_init");
-    nodes = llist_initpool("consumer_nodes", 8, sizeof(llist_node), NULL);
-    strings = dynstr_initpool("consumer_strings", 8, 1024);
-    if (nodes == MEMM_INVALID_POOL || strings == MEMM_INVALID_POOL)
-        return fail("pool creation");
+    int ok = strcmp(parts, MEMM_EXPECTED_VERSION) == 0 && strcmp(MEMM_VERSION_STRING, MEMM_EXPECTED_VERSION) == 0;
+
+    ok = ok && memm_init(8, 1) == MEMM_OK;
+    pool = memm_initpool2("c_records", 4, (int32_t)sizeof(struct record), NULL, NULL);
+    r = (struct record *)memm_calloc(pool);
+    ok = ok && r && r->id == 0 && memm_refalloc(r) == r && memm_free(r) == MEMM_OK && memm_free(r) == MEMM_OK;
+    strings = dynstr_initpool("c_strings", 8, 256);
+    nodes = llist_initpool("c_nodes", 8, (int32_t)sizeof(llist_node), NULL);
     text = dynstr_fromprintf(strings, "%s-%lu", "uplink", 42ul);
-    if (!text || strcmp(dynstr_getstring(text), "uplink-42") != 0)
-        return fail("dynstr_fromprintf");
-    if (memm_free(text) != MEMM_OK)
-        return fail("memm_free");
-    list = strlist_fromstring("a,b,c", ",", nodes, strings);
-    if (strlist_getlength(list) != 3 || strcmp(strlist_getstring_at(list, 2), "c") != 0)
-        return fail("strlist_fromstring");
-    if (llist_free_plist(&list) != MEMM_OK)
-        return fail("llist_free_plist");
+    ok = ok && text && strcmp(dynstr_getstring(text), "uplink-42") == 0 && memm_free(text) == MEMM_OK;
+    list = strlist_fromstring("b,a", ",", nodes, strings);
+    ok = ok && dynstr_strcmp2(strlist_todynstr(list, "+", strings), "b+a") == 0;
+    ok = ok && llist_free_plist(&list) == MEMM_OK && list == NULL;
+    if (!ok) {
+        fprintf(stderr, "consumer (pkg-config): failed\n");
+        return 1;
+    }
     printf("consumer (pkg-config): memm %s works\n", MEMM_VERSION_STRING);
     return 0;
 }
