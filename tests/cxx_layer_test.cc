@@ -15,12 +15,10 @@
 #include "syslog_capture.h"
 
 namespace {
-
 struct item {
     uint32_t value;
 };
 using item_ref = memm::ref<item>;
-
 } // namespace
 
 // Random copies, moves, resets, shares and hand-overs among eight refs to
@@ -62,8 +60,8 @@ TEST(CxxLayer, RefsHoldOneReferenceEach) {
             break;
         case 3: // release and adopt hand a reference over without counting
             if (a) {
-                item_ref shared = item_ref::share(a.get()), again = item_ref::adopt(shared.release());
-                EXPECT_TRUE(!shared && memm_get_refcount(a.get()) == holders[a.get()] + 1);
+                item_ref again = item_ref::adopt(item_ref::share(a.get()).release());
+                EXPECT_EQ(memm_get_refcount(a.get()), holders[a.get()] + 1);
             }
             break;
         default:
@@ -106,8 +104,7 @@ TEST(CxxLayer, LockGuardsNestAndHoldTheLockForTheirScope) {
 TEST(CxxLayer, StringsRoundTripWhileTheCollectorMovesThem) {
     ASSERT_EQ(memm_init(8, 2), MEMM_OK);
     const uint32_t pool = dynstr_initpool2("cxx_strings", 40, 600, 2);
-    EXPECT_TRUE(!memm::dynstring(MEMM_INVALID_POOL, "x") && memm::dynstring().str().empty());
-    EXPECT_EQ(memm::dynstring().assign("x"), MEMM_ERR_INVALID_ARG);
+    EXPECT_TRUE(!memm::dynstring(MEMM_INVALID_POOL, "x") && memm::dynstring().assign("x") == MEMM_ERR_INVALID_ARG);
     std::mt19937 rng(16);
     const std::string_view source = "peer-10.0.0.1:4711/uplink-to-core";
     std::vector<memm::dynstring> strings(12);
@@ -129,9 +126,8 @@ TEST(CxxLayer, StringsRoundTripWhileTheCollectorMovesThem) {
             ASSERT_TRUE(strings[k].str() == model[k] && strings[k].size() == model[k].size() &&
                         strings[k].empty() == model[k].empty()) << "step " << step << ", handle " << k;
     }
-    EXPECT_GT(memm_model::string_pool(pool)->gc_count, 0u);
-    EXPECT_EQ(memm_model::storage_fault(pool, size_t(std::count_if(strings.begin(), strings.end(),
-                                                                  [](const memm::dynstring &s) { return bool(s); }))), "");
+    const auto live = std::count_if(strings.begin(), strings.end(), [](const memm::dynstring &s) { return bool(s); });
+    EXPECT_TRUE(memm_model::string_pool(pool)->gc_count > 0 && memm_model::storage_fault(pool, size_t(live)).empty());
     // Handing a record over to C code and back keeps its one holder.
     memm::dynstring peer(pool, "10.0.0.1");
     peer = memm::dynstring::adopt(peer.release());
