@@ -2,9 +2,11 @@
 // every constructor and writer checked after every step against predicted
 // results and texts and against counters recomputed from the buffer lists;
 // then what the model does not predict: parsing getters, typed writers,
-// comparisons against the C library, the storage's merging and collection
-// triggers, running out of buffer memory and long-form records.
+// comparisons against the C library, joins against a join written here,
+// the storage's merging and collection triggers, running out of buffer
+// memory and long-form records.
 #include <limits.h>
+#include <random>
 #include <string.h>
 #include <strings.h>
 #include <unistd.h>
@@ -12,6 +14,7 @@
 #include "fixture.h"
 #include "model/string_model.h"
 #include "report_files.h"
+#include "strlist.h"
 
 namespace {
 
@@ -211,6 +214,57 @@ TEST_F(Strings, ComparisonsAgreeWithTheCLibrary) {
     char *dup = dynstr_strdup(recs[2]);
     EXPECT_STREQ(dup, "abcd");
     free(dup);
+}
+
+// Joins of random items, separators, escapes and ranges against a join
+// written here. A filler leaves the current buffer's free tail at a random
+// size, so that many joins overflow it and take the counted second attempt;
+// a node that holds no record fails the whole join.
+TEST_F(Strings, JoinsMatchAPlainJoin) {
+    const uint32_t list_nodes = nodes("join_nodes", 64), plain = memm_initpool("not_strings", 4, 8, nullptr);
+    const dynstr_pooldesc *desc = string_pool(pool);
+    std::mt19937 rng(3);
+    for (int round = 0; round < 1500 && !HasFailure(); round++) {
+        const std::string sep = std::vector<std::string>{",", "::", "", "^"}[rng() % 4];
+        const unsigned char esc = rng() % 2 ? '^' : 0;
+        const int32_t first = int32_t(rng() % 5) - 1, end = int32_t(rng() % 7);
+        const int kind = int(rng() % 4), bad_at = rng() % 8 ? -1 : int(rng() % 4), n = int(rng() % 6);
+        std::string want;
+        int joined = 0;
+        llist_node *list = nullptr;
+        for (int pos = 0; pos < n; pos++) {
+            std::string item(rng() % 60, 'a');
+            for (char &c : item)
+                c = "ab,:^"[rng() % 5];
+            void *obj = pos == bad_at ? memm_calloc(plain) : nullptr; // held by the list alone
+            ASSERT_EQ(obj ? llist_addobject(&list, obj, list_nodes) : strlist_addstring(&list, item.c_str(), list_nodes, pool),
+                      MEMM_OK);
+            if (kind == 2 && esc && sep.size() <= 1)
+                for (size_t at = 0; (at = item.find_first_of(sep + char(esc), at)) != std::string::npos; at += 2)
+                    item.insert(at, 1, char(esc));
+            if (kind == 0 || kind == 2 || (pos >= first && pos < end))
+                want += (joined++ ? sep : "") + item;
+        }
+        const uint32_t free_tail = uint32_t(desc->buffersize) - desc->buf_used[desc->curbuffer];
+        const uint32_t filled = free_tail > 1 ? free_tail - 1 - rng() % std::min(free_tail - 1, 300u) : 0;
+        dynstr *filler = dynstr_fromstring(pool, std::string(filled, 'f').c_str());
+        dynstr *d = kind == 0 ? dynstr_fromstrlist(pool, list, sep.c_str())
+                  : kind == 1 ? dynstr_frompartialstrlist(pool, list, sep.c_str(), first, end)
+                  : kind == 2 ? dynstr_fromstrlist_escaped(pool, list, sep.c_str(), esc)
+                              : strlist_partialtodynstr(list, sep.c_str(), pool, first, end);
+        EXPECT_EQ(d ? dynstr_getstring(d) : "(failed)", bad_at >= 0 && bad_at < n ? "(failed)" : want)
+            << "kind " << kind << ", sep '" << sep << "', range " << first << ".." << end;
+        for (dynstr *rec : {d, filler})
+            memm_free(rec);
+        ASSERT_EQ(llist_free_plist(&list), MEMM_OK);
+        ASSERT_EQ(storage_fault(pool, 0), "");
+    }
+    // An escaped split that runs out of string memory half way leaves nothing behind.
+    char text[] = "a-first-item-of-forty-characters-or-so-x,a-second-item-that-no-longer-fits-at-all";
+    const uint32_t tiny = strings("tiny", 8, 48, 1), used = memm_get_pool_nolock(list_nodes)->cur_count;
+    EXPECT_EQ(strlist_fromstring_escaped(text, ',', '^', list_nodes, tiny), nullptr);
+    EXPECT_EQ(memm_get_pool_nolock(list_nodes)->cur_count, used);
+    EXPECT_EQ(storage_fault(tiny, 0), "");
 }
 
 TEST_F(Strings, ReleasedTextsMergeAndTheLastIsCutOff) {
