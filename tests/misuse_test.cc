@@ -1,6 +1,7 @@
 // Misuse: null, foreign, released and wrong-kind pointers and bad pool ids
-// give each public function its documented result instead of a crash, change
-// nothing and leave every pool sound. A row lists the calls that share one
+// give their documented result instead of a crash, change nothing and leave
+// every pool sound. One call stands for each way of checking input: thin
+// wrappers, _nolock twins and functions that share a check are not repeated. A row lists the calls that share one
 // expected result, the bad inputs they are run with (0: once, as written) and
 // the log it expects (null: not checked; "": nothing; else every line begins so).
 #include <string.h>
