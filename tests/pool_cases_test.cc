@@ -23,6 +23,7 @@ struct Row {
     std::function<void()> run;
     Lines logs;
 };
+void PrintTo(const Row &row, std::ostream *os) { *os << row.name; } // also names the case
 
 uint8_t *slot_of(void *obj) { return static_cast<uint8_t *>(obj) - MEMM_OBJHDR_SIZE; }
 std::string released(const char *what) { return std::string("[MEMM] memm_free: ") + what; }
@@ -218,8 +219,7 @@ TEST_P(PoolCase, Run) {
     EXPECT_TRUE(memm_test::sound());
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, PoolCase, ::testing::ValuesIn(kRows),
-                         [](const ::testing::TestParamInfo<Row> &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, PoolCase, ::testing::ValuesIn(kRows), ::testing::PrintToStringParamName());
 
 #if defined(__SANITIZE_ADDRESS__)
 #define POOL_TEST_ASAN 1
