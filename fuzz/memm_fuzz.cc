@@ -236,15 +236,21 @@ class Run {
 
     int pick(int lo, int hi) { return src_.pick(lo, hi); }
     StringModel &any_strings() { return strings_[pick(0, kStringPools - 1)]; }
+    static Entry *find_entry(StringModel &m, const void *rec) {
+        for (Entry &e : m.entries())
+            if (e.rec == rec)
+                return &e;
+        return nullptr;
+    }
     int string_pool_of(void *o) {
         for (int k = 0; k < kStringPools; k++)
-            if (strings_[k].find(o))
+            if (find_entry(strings_[k], o))
                 return k;
         return -1;
     }
     Entry *entry_of(void *o) {
         const int k = string_pool_of(o);
-        return k < 0 ? nullptr : strings_[k].find(o);
+        return k < 0 ? nullptr : find_entry(strings_[k], o);
     }
     // Any live object, or null.
     void *any_object() {
@@ -262,7 +268,8 @@ class Run {
                     live_.push_back(e.rec), holds_[e.rec] = 1, lists_.keys[e.rec] = int32_t(e.text.size() % 3);
     }
     void adopt_list_item(int k, void *rec, uint32_t holds) {
-        strings_[k].adopt(static_cast<dynstr *>(rec), dynstr_getstring(static_cast<dynstr *>(rec)));
+        dynstr *d = static_cast<dynstr *>(rec);
+        strings_[k].entries().push_back({d, dynstr_getstring(d), dynstr_getmaxsize(d)});
         live_.push_back(rec), holds_[rec] = holds, lists_.keys[rec] = 2;
     }
     // Objects neither this run nor a list holds have been released.
@@ -274,8 +281,10 @@ class Run {
                 continue;
             }
             plain_.erase(o), lists_.keys.erase(o), holds_.erase(o);
-            for (StringModel &m : strings_)
-                m.forget(o);
+            for (StringModel &m : strings_) {
+                std::vector<Entry> &es = m.entries();
+                es.erase(std::remove_if(es.begin(), es.end(), [o](const Entry &e) { return e.rec == o; }), es.end());
+            }
             it = live_.erase(it);
         }
     }

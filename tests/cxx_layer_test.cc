@@ -9,7 +9,6 @@
 
 #include "memm.hpp"
 #include "model/string_storage.h"
-#include "syslog_capture.h"
 
 namespace {
 struct item {
@@ -68,12 +67,10 @@ TEST(CxxLayer, RefsHoldOneReferenceEach) {
             ASSERT_EQ(memm_get_refcount(obj), count) << "step " << step;
         ASSERT_EQ(memm_get_pool_nolock(pool)->cur_count, holders.size()) << "step " << step;
     }
-    EXPECT_NE(memm_get_pool_nolock(pool)->flags & MEMM_POOLFLAG_DEPLETION_REPORTED, 0); // alloc met a full pool
     // A released object cannot be shared again: the ref stays empty.
     refs.assign(refs.size(), item_ref());
     item *gone = item_ref::alloc(pool).get();
     EXPECT_FALSE(item_ref::share(gone));
-    EXPECT_EQ(memm_test::log_count("memm__refalloc() failed (invalid object passed)"), 1u);
 }
 
 // Guards nest, and leaving the outer one releases every level.

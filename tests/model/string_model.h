@@ -78,20 +78,9 @@ class StringModel {
     // The first wrong result or effect of a step, empty while there is none.
     const std::string &failure() const { return f_.first(); }
 
-    // For a driver that also keeps records elsewhere (in lists): the
-    // records the model knows, one made outside it, one released outside it.
+    // The records the model knows, for a driver that also makes and
+    // releases records outside it (in lists).
     std::vector<Entry> &entries() { return model_; }
-    Entry *find(const void *rec) {
-        for (Entry &e : model_)
-            if (e.rec == rec)
-                return &e;
-        return nullptr;
-    }
-    void adopt(dynstr *d, const std::string &text) { model_.push_back({d, text, dynstr_getmaxsize(d)}); }
-    void forget(const void *rec) {
-        model_.erase(std::remove_if(model_.begin(), model_.end(), [&](const Entry &e) { return e.rec == rec; }),
-                     model_.end());
-    }
     Entry *random_entry() { return model_.empty() ? nullptr : &model_[size_t(pick(0, int(model_.size()) - 1))]; }
 
     // A write through a detached record: the expected result, model updated.

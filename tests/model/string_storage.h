@@ -39,17 +39,14 @@ inline std::string storage_fault(uint32_t pool, size_t live) {
             return str("buf_last of buffer ", k);
         if (desc->buf_used[k] != b_used || desc->buf_count[k] != b_count || desc->buf_delcount[k] != b_del ||
             desc->buf_delbytes[k] != b_delbytes)
-            return str("buffer ", k, " counters used/count/delcount/delbytes ", desc->buf_used[k], "/",
-                       desc->buf_count[k], "/", desc->buf_delcount[k], "/", desc->buf_delbytes[k], ", walked ", b_used,
-                       "/", b_count, "/", b_del, "/", b_delbytes);
+            return str("buffer ", k, " counters differ from a walk: used ", b_used, ", count ", b_count);
         for (uint32_t i = b_used; i < uint32_t(desc->buffersize); i++)
             if (desc->buf_base[k][i] != 0)
                 return str("free tail of buffer ", k, " not zero at ", i);
         used += b_used, delbytes += b_delbytes, delcount += b_del;
     }
     if (desc->usedbytes != used || desc->delbytes != delbytes || desc->delcount != delcount)
-        return str("pool counters usedbytes/delbytes/delcount ", desc->usedbytes, "/", desc->delbytes, "/",
-                   desc->delcount, ", walked ", used, "/", delbytes, "/", delcount);
+        return str("pool counters differ from a walk: usedbytes ", used, ", delbytes ", delbytes);
     const uint32_t slots = memm_get_pool_nolock(pool)->cur_count;
     if (slots != live + delcount + 1)
         return str("record slots in use ", slots, ", expected ", live + delcount + 1);
