@@ -248,13 +248,14 @@ TEST_F(Strings, JoinsMatchAPlainJoin) {
     EXPECT_EQ(storage_fault(tiny, 0), "");
 }
 
-// A released text absorbs released neighbours on both sides into one placeholder.
-TEST_F(Strings, ReleasedTextsMergeWithTheirNeighbours) {
+// Released neighbours merge into one placeholder; a released last text is
+// cut off the buffer at once, and so is a placeholder that merging makes last.
+TEST_F(Strings, ReleasedTextsMergeAndTheLastIsCutOff) {
     const uint32_t p = strings("merge", 20, 100, 1);
     dynstr_pooldesc *desc = string_pool(p);
-    dynstr *r[4];
-    const char *texts[] = {"aa", "bbb", "cccc", "d"};
-    for (int i = 0; i < 4; i++)
+    dynstr *r[6];
+    const char *texts[] = {"aa", "bbb", "cccc", "d", "ee", "f"};
+    for (int i = 0; i < 6; i++)
         r[i] = dynstr_fromstring(p, texts[i]);
     memm_free(r[0]);
     memm_free(r[2]);
@@ -263,7 +264,15 @@ TEST_F(Strings, ReleasedTextsMergeWithTheirNeighbours) {
     EXPECT_STREQ(r[1]->str, "aa&bbb&cccc");
     EXPECT_EQ(desc->buf_firstdel[0], r[1]);
     EXPECT_EQ(desc->recup_ctx, 2u);
-    EXPECT_EQ(storage_fault(p, 1), "");
+    memm_free(r[5]);
+    EXPECT_EQ(desc->buf_used[0], 17u);
+    EXPECT_EQ(desc->recup_bytes, 2u);
+    memm_free(r[3]);
+    memm_free(r[4]); // ends the buffer by merging: cut off too
+    EXPECT_EQ(desc->buf_used[0], 0u);
+    EXPECT_EQ(desc->recup_bytes, 19u);
+    EXPECT_EQ(desc->recup_ctx, 6u);
+    EXPECT_EQ(storage_fault(p, 0), "");
 }
 
 TEST_F(Strings, EachCollectionTrigger) {
