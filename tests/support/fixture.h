@@ -32,9 +32,6 @@ class Started : public ::testing::Test {
         ASSERT_EQ(memm_init(16, 4), MEMM_OK);
         clear_logs();
     }
-    static uint32_t plain(const char *name, uint32_t count = 8, int32_t size = 8) {
-        return memm_initpool(name, count, size, nullptr);
-    }
     static uint32_t strings(const char *name, uint32_t records = 16, int32_t bytes = 1024, int32_t buffers = 2) {
         return dynstr_initpool2(name, records, bytes, buffers);
     }
