@@ -1,5 +1,6 @@
 // String lists, seeded: random items with separators and escape characters
-// of their own are copied, joined with escapes and split back, exactly; the
+// of their own are copied, joined plainly over a range against a join
+// written here, joined with escapes and split back, exactly; the
 // joined text is split at separator strings by both splits, against a plain
 // splitter written here. The one-buffer pool is small, and a released filler
 // leaves dead space in it, so that making the pieces of a record's text
@@ -61,6 +62,16 @@ TEST_F(Strlist, EscapedJoinsSplitBackAndSplitsMatchAPlainSplitter) {
         EXPECT_EQ(take_items(strlist_fromstring(text.c_str(), sep.c_str(), list_nodes, pool)), plain_split(text, sep));
         std::string escaped = text;
         EXPECT_EQ(take_items(strlist_fromstring_escaped(&escaped[0], '/', 'a', list_nodes, pool)), items);
+        // Plain joins, whole or of the items in [first, end), against a join written here.
+        const int32_t first = round % 3 ? round % 5 - 1 : 0, end = round % 3 ? round / 5 % 7 : INT32_MAX;
+        std::string want;
+        for (int32_t pos = std::max(first, 0); pos < std::min(end, int32_t(items.size())); pos++)
+            want += (pos > std::max(first, 0) ? "," : "") + items[size_t(pos)];
+        dynstr *plain = round % 3 == 0 ? dynstr_fromstrlist(pool, list, ",")
+                      : round % 3 == 1 ? dynstr_frompartialstrlist(pool, list, ",", first, end)
+                                       : strlist_partialtodynstr(list, ",", pool, first, end);
+        EXPECT_STREQ(plain ? dynstr_getstring(plain) : "(failed)", want.c_str()) << first << ".." << end;
+        memm_free(plain);
         EXPECT_EQ(llist_free_plist(&list), MEMM_OK);
         EXPECT_EQ(memm_free(joined), MEMM_OK);
         ASSERT_EQ(memm_model::storage_fault(pool, 0), "");

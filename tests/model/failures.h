@@ -23,8 +23,6 @@ class Failures {
             first_ = str(what...);
         return ok;
     }
-    // A whole check's result: empty when it passed.
-    bool expect_sound(const std::string &fault) { return expect(fault.empty(), fault); }
     const std::string &first() const { return first_; }
 
   private:
