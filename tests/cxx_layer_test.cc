@@ -29,7 +29,6 @@ TEST(CxxLayer, RefsHoldOneReferenceEach) {
         switch (rng() % 5) {
         case 0: // released first, so that a full pool has a slot again
             a.reset(), a = item_ref::alloc(pool);
-            EXPECT_TRUE(a || memm_get_pool_nolock(pool)->cur_count == 6);
             break;
         case 1: a = b; break; // copy: self-assignment included
         case 2: // move: the source is left empty, else it shows as an uncounted holder

@@ -41,6 +41,7 @@ class Strlist : public memm_test::Started {};
 
 TEST_F(Strlist, EscapedJoinsSplitBackAndSplitsMatchAPlainSplitter) {
     const uint32_t pool = strings("split", 200, 700, 1), list_nodes = nodes("split_nodes", 300);
+    const uint32_t joins = strings("joins", 16, 4000, 2);
     const char *const seps[] = {"/", "//", "a/", ""};
     memm_model::RandomSource src(5);
     for (int round = 0; round < 2000 && !HasFailure(); round++) {
@@ -62,21 +63,32 @@ TEST_F(Strlist, EscapedJoinsSplitBackAndSplitsMatchAPlainSplitter) {
         EXPECT_EQ(take_items(strlist_fromstring(text.c_str(), sep.c_str(), list_nodes, pool)), plain_split(text, sep));
         std::string escaped = text;
         EXPECT_EQ(take_items(strlist_fromstring_escaped(&escaped[0], '/', 'a', list_nodes, pool)), items);
-        // Plain joins, whole or of the items in [first, end), against a join written here.
+        // Plain joins, whole or of the items in [first, end), against a join
+        // written here, into a pool where a filler leaves the free tail too
+        // small for most: they take the second attempt, of the measured size.
+        const dynstr_pooldesc *desc = memm_model::string_pool(joins);
+        const uint32_t room = uint32_t(desc->buffersize) - desc->buf_used[desc->curbuffer];
+        dynstr *tail = dynstr_fromstring(joins, std::string(room > 9 ? room - 2 - round % 8 : 0, 'f').c_str());
         const int32_t first = round % 3 ? round % 5 - 1 : 0, end = round % 3 ? round / 5 % 7 : INT32_MAX;
         std::string want;
         for (int32_t pos = std::max(first, 0); pos < std::min(end, int32_t(items.size())); pos++)
             want += (pos > std::max(first, 0) ? "," : "") + items[size_t(pos)];
-        dynstr *plain = round % 3 == 0 ? dynstr_fromstrlist(pool, list, ",")
-                      : round % 3 == 1 ? dynstr_frompartialstrlist(pool, list, ",", first, end)
-                                       : strlist_partialtodynstr(list, ",", pool, first, end);
+        dynstr *plain = round % 3 == 0 ? dynstr_fromstrlist(joins, list, ",")
+                      : round % 3 == 1 ? dynstr_frompartialstrlist(joins, list, ",", first, end)
+                                       : strlist_partialtodynstr(list, ",", joins, first, end);
         EXPECT_STREQ(plain ? dynstr_getstring(plain) : "(failed)", want.c_str()) << first << ".." << end;
         memm_free(plain);
+        memm_free(tail);
         EXPECT_EQ(llist_free_plist(&list), MEMM_OK);
         EXPECT_EQ(memm_free(joined), MEMM_OK);
         ASSERT_EQ(memm_model::storage_fault(pool, 0), "");
     }
     EXPECT_GT(memm_model::string_pool(pool)->gc_count, 0u) << "the buffer was never collected";
+    // An escaped split that runs out of string memory half way leaves no node behind.
+    char text[] = "a-first-item-of-forty-characters-or-so-x,a-second-item-that-no-longer-fits-at-all";
+    const uint32_t tiny = strings("tiny", 8, 48, 1), used = memm_get_pool_nolock(list_nodes)->cur_count;
+    EXPECT_EQ(strlist_fromstring_escaped(text, ',', '^', list_nodes, tiny), nullptr);
+    EXPECT_EQ(memm_get_pool_nolock(list_nodes)->cur_count, used);
 }
 
 } // namespace

@@ -35,11 +35,9 @@ inline std::string storage_fault(uint32_t pool, size_t live) {
             if (d->flags & DYNSTR_FLAG_DELETED)
                 b_del++, b_delbytes += size;
         }
-        if (desc->buf_last[k] != prev)
-            return str("buf_last of buffer ", k);
-        if (desc->buf_used[k] != b_used || desc->buf_count[k] != b_count || desc->buf_delcount[k] != b_del ||
-            desc->buf_delbytes[k] != b_delbytes)
-            return str("buffer ", k, " counters differ from a walk: used ", b_used, ", count ", b_count);
+        if (desc->buf_last[k] != prev || desc->buf_used[k] != b_used || desc->buf_count[k] != b_count ||
+            desc->buf_delcount[k] != b_del || desc->buf_delbytes[k] != b_delbytes)
+            return str("buffer ", k, " last record or counters differ from a walk: used ", b_used, ", count ", b_count);
         for (uint32_t i = b_used; i < uint32_t(desc->buffersize); i++)
             if (desc->buf_base[k][i] != 0)
                 return str("free tail of buffer ", k, " not zero at ", i);
@@ -48,10 +46,8 @@ inline std::string storage_fault(uint32_t pool, size_t live) {
     if (desc->usedbytes != used || desc->delbytes != delbytes || desc->delcount != delcount)
         return str("pool counters differ from a walk: usedbytes ", used, ", delbytes ", delbytes);
     const uint32_t slots = memm_get_pool_nolock(pool)->cur_count;
-    if (slots != live + delcount + 1)
-        return str("record slots in use ", slots, ", expected ", live + delcount + 1);
-    if (desc->state & DYNSTR_STATE_DYNMEM_PENDING)
-        return "dynmem left pending";
+    if (slots != live + delcount + 1 || (desc->state & DYNSTR_STATE_DYNMEM_PENDING))
+        return str("record slots in use ", slots, ", expected ", live + delcount + 1, ", or dynmem left pending");
     return "";
 }
 
