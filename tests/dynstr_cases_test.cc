@@ -194,4 +194,21 @@ TEST_F(Strings, OutOfBufferMemoryListsAtMostFourTimes) {
     EXPECT_EQ(listings, 4u);
 }
 
+// A text above the short form's limit is held in long form, which has no
+// maximum size; a released neighbour merges with its old text into one long
+// placeholder, and a short text brings the record back to the short form.
+TEST_F(Strings, LongFormRecordsAndPlaceholders) {
+    const uint32_t p = strings("long", 20, 300000, 1);
+    const std::string t1(40000, 'a'), t2(40000, 'b');
+    dynstr *a = dynstr_fromstring(p, t1.c_str()), *b = dynstr_fromstring(p, t2.c_str());
+    dynstr_fromstring(p, "tail");
+    ASSERT_EQ(dynstr_setstring(a, (t1 + t2).c_str()), MEMM_OK);
+    EXPECT_TRUE((a->flags & DYNSTR_FLAG_LONG) && dynstr_strlen(a) == 80000u);
+    EXPECT_TRUE(dynstr_setmaxsize(a, 100000) == MEMM_OK && dynstr_getmaxsize(a) == 0u);
+    memm_free(b);
+    ASSERT_EQ(dynstr_setstring(a, "short"), MEMM_OK);
+    EXPECT_EQ(a->flags & (DYNSTR_FLAG_LONG | DYNSTR_FLAG_LITERAL), 0u);
+    EXPECT_EQ(storage_fault(p, 2), "");
+}
+
 } // namespace

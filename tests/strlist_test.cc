@@ -83,7 +83,6 @@ TEST_F(Strlist, EscapedJoinsSplitBackAndSplitsMatchAPlainSplitter) {
         EXPECT_EQ(memm_free(joined), MEMM_OK);
         ASSERT_EQ(memm_model::storage_fault(pool, 0), "");
     }
-    EXPECT_GT(memm_model::string_pool(pool)->gc_count, 0u) << "the buffer was never collected";
     // An escaped split that runs out of string memory half way leaves no node behind.
     char text[] = "a-first-item-of-forty-characters-or-so-x,a-second-item-that-no-longer-fits-at-all";
     const uint32_t tiny = strings("tiny", 8, 48, 1), used = memm_get_pool_nolock(list_nodes)->cur_count;

@@ -42,6 +42,13 @@ inline std::string cut(const std::string &text, uint32_t maxsize) {
     return maxsize && text.size() + 1 > maxsize ? text.substr(0, maxsize - 1) : text;
 }
 // Offsets clamped to the text; a negative or excessive length: to the end.
+// The first n bytes (all by default) as lowercase hex.
+inline std::string hex_of(const std::string &bytes, size_t n = std::string::npos) {
+    std::string hex;
+    for (size_t i = 0; i < n && i < bytes.size(); i++)
+        hex += std::string(1, "0123456789abcdef"[uint8_t(bytes[i]) >> 4]) + "0123456789abcdef"[bytes[i] & 0xF];
+    return hex;
+}
 inline std::string piece(const std::string &text, int32_t offset, int32_t length) {
     const size_t off = offset < 0 ? 0 : std::min(size_t(offset), text.size());
     const size_t rest = text.size() - off;
@@ -95,11 +102,13 @@ class StringModel {
         const char *t = text.c_str(), *lit = literal(pick(0, 63));
         const int32_t off = pick(-3, 20), len = pick(-2, 30);
         Entry *src = random_entry();
-        const int kind = pick(src ? 0 : 4, 7);
+        const int kind = pick(src ? 0 : 4, 9);
         const std::string stext = src ? src->text : "";
-        // Record and literal sources allocate with collection, which is
-        // predicted only while it does not collect.
-        const bool predicted = kind >= 5 || free_slots() >= 2;
+        const size_t sep = stext.rfind('/');
+        const uint32_t maxsize = uint32_t(pick(1, pick(0, 1) ? 64 : desc_->buffersize + 8));
+        // Record, literal and hex sources allocate with collection, which
+        // is predicted only while it does not collect.
+        const bool predicted = (kind >= 5 && kind != 8) || free_slots() >= 2;
         bool ok;
         std::string want;
         auto expect = [&](const std::string &w) { want = w, ok = free_slots() >= 2 && fits(w); };
@@ -108,21 +117,28 @@ class StringModel {
         case 0: expect(stext), d = dynstr_fromdynstr(src->rec); break;
         case 1: expect(piece(stext, off, len)), d = dynstr_fromsubdynstr(src->rec, off, len); break;
         case 2: expect(piece(stext, off, -1)), d = dynstr_fromsubdynstr(src->rec, off, -1); break;
-        case 3: expect(piece(stext, off, 0)), d = dynstr_fromsubdynstr(src->rec, off, 0); break;
+        case 3: // the text behind the last '/'; with none, no record (and sep + 1 wraps to 0)
+            expect(stext.substr(sep + 1)), ok = ok && sep != std::string::npos, d = dynstr_fromlastsep(src->rec, '/');
+            break;
         case 4: want = lit, ok = free_slots() >= 2, d = dynstr_fromliteral(pool_, lit); break;
         case 5: expect(piece(text, off, len)), d = dynstr_fromsubstring(pool_, t, off, len); break;
         case 6: expect(text), d = dynstr_fromstring(pool_, t); break;
-        default: expect(text), d = dynstr_fromprintf(pool_, "%s", t);
+        case 7: expect(text), d = dynstr_fromprintf(pool_, "%s", t); break;
+        case 8: expect(hex_of(text)), d = dynstr_hexstringfromdata(pool_, bytes(text), uint32_t(text.size())); break;
+        default: // a collecting allocation collects every buffer before it gives up
+            want = "", ok = free_slots() >= 2 || records_->alloc_count - model_.size() - 1 >= 2;
+            d = dynstr_calloc_maxsize(pool_, maxsize);
         }
         f_.expect(!predicted || (d != nullptr) == ok, "constructor ", kind, (d ? " made a record" : " failed"));
         f_.expect(!d || kind != 4 || d->str == lit, "a literal is referred to, not copied");
         if (d)
-            model_.push_back({d, want, 0});
+            model_.push_back({d, want, kind == 9 ? maxsize : 0});
     }
 
   private:
     int pick(int lo, int hi) { return src_.pick(lo, hi); }
     uint32_t free_slots() const { return records_->alloc_count - records_->cur_count; }
+    static const uint8_t *bytes(const std::string &s) { return reinterpret_cast<const uint8_t *>(s.data()); }
 
     // Empty, short, a fair share of a buffer, or about a buffer and more.
     std::string random_text() {
@@ -177,10 +193,7 @@ class StringModel {
         size_t n = bytes.size();
         if (e.maxsize && e.maxsize < 2 * n + 1)
             n = (e.maxsize - 1) / 2;
-        std::string hex;
-        for (size_t i = 0; i < n; i++)
-            hex += std::string(1, "0123456789abcdef"[uint8_t(bytes[i]) >> 4]) + "0123456789abcdef"[bytes[i] & 0xF];
-        return expect_write(e, hex);
+        return expect_write(e, hex_of(bytes, n));
     }
 
     // A buffered text changes in place; a literal is first copied into a
@@ -256,9 +269,7 @@ class StringModel {
         case 14: want = expect_write(e, std::to_string(value)), got = dynstr_setuint32(r, value); break;
         case 15: want = expect_write(e, std::to_string(int32_t(value))), got = dynstr_setint32(r, int32_t(value)); break;
         case 16: want = expect_write(e, ipv4), got = dynstr_setipv4addr(r, value); break;
-        case 17:
-            want = expect_hex(e, add), got = dynstr_sethexstring(r, reinterpret_cast<const uint8_t *>(a), uint32_t(add.size()));
-            break;
+        case 17: want = expect_hex(e, add), got = dynstr_sethexstring(r, bytes(add), uint32_t(add.size())); break;
         case 18: // the library's constant text, not the test's
             want = expect_literal(e, value & 1 ? "1" : "0"), got = dynstr_setbool(r, int(value & 1)), literal_ = nullptr;
             break;
