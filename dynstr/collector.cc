@@ -23,8 +23,7 @@
 //
 // The collector works on buffer (curbuffer + 1) % buffercount and makes it
 // current, so the buffers take turns and each is compacted just before new
-// text goes into it again. It touches one buffer and allocates nothing: the
-// scratch space of its walk (below) is allocated with the pool.
+// text goes into it again. It touches one buffer and allocates nothing.
 #include "../memm/poison.h"
 #include "dynstr_private.h"
 
@@ -59,7 +58,7 @@ void check_order(const dynstr *cur, const dynstr *next, uint32_t g) {
 }
 
 // The record pool as the walk checks its records: the header check of
-// releases_at_once and in_use with the pool's id and storage bounds at hand.
+// releases_at_once with the pool's id and storage bounds at hand.
 struct RecordSlots {
     uint32_t id;
     uintptr_t first, last; // storage and last slot; first > last when there is no storage
@@ -70,21 +69,51 @@ struct RecordSlots {
         if (!records->storage)
             first = UINTPTR_MAX, last = 0;
     }
-    bool holds(const uint8_t *slot) const {
-        const uintptr_t addr = reinterpret_cast<uintptr_t>(slot);
-        return addr >= first && addr <= last;
-    }
     // releases_at_once: one holder, and the header names this pool.
     bool releases_at_once(dynstr *d) const {
         const uint8_t *slot = memm_detail::obj_to_slot(d);
+        const uintptr_t addr = reinterpret_cast<uintptr_t>(slot);
         const uint32_t state = memm_detail::hdr_state(slot);
-        return state < memm_detail::kRefUnit && memm_detail::state_poolid(state) == id && holds(slot);
+        return state < memm_detail::kRefUnit && memm_detail::state_poolid(state) == id && addr >= first &&
+               addr <= last;
     }
-    // A record of the pool's storage whose slot is in use: one the back
-    // chain may read, whatever a damaged prev link pointed it to.
-    bool in_use(const dynstr *d) const {
-        const uint8_t *slot = memm_detail::obj_to_slot(const_cast<dynstr *>(d));
-        return holds(slot) && memm_detail::hdr_state(slot) != MEMM_STATE_FREE;
+};
+
+// Prefetches, from the record map, the records whose texts start up to
+// kAhead chunks beyond the walk's current text. Each chunk is taken once, so
+// a collection issues at most one prefetch pair per chunk.
+struct Lookahead {
+    static constexpr uint32_t kAhead = 16;
+    RecordMap map;
+    uintptr_t base;     // the buffer's address
+    uint32_t next = 0;  // first chunk not prefetched yet
+
+    Lookahead(const dynstr_pooldesc *pool, uint32_t g)
+        : map(pool, g), base(reinterpret_cast<uintptr_t>(pool->buf_base[g])) {}
+
+    uintptr_t chunk_of(const char *str) const { return (reinterpret_cast<uintptr_t>(str) - base) >> map.shift; }
+
+    void start(const char *str) {
+        const uintptr_t chunk = chunk_of(str);
+        next = chunk < map.count ? uint32_t(chunk) : map.count;
+    }
+    void reach(const char *str) {
+        const uintptr_t chunk = chunk_of(str); // huge when str lies elsewhere
+        if (chunk >= map.count)
+            return;
+        const uint32_t until = chunk + kAhead < map.count ? uint32_t(chunk) + kAhead : map.count;
+        // The buffer is read in order too: ask for its lines a little ahead.
+        __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(str) + 256));
+        for (; next < until; next++) {
+            // The slot header and the record's links may lie in two cache lines.
+            const uintptr_t record = map.record_of(map.entry[next]);
+            __builtin_prefetch(reinterpret_cast<const void *>(record - memm_detail::kHdrSize));
+            __builtin_prefetch(reinterpret_cast<const void *>(record + sizeof(dynstr) - 1));
+        }
+    }
+    // cur's text now starts at str.
+    void moved(const dynstr *cur, const char *str) const {
+        map.note(cur, uint32_t(reinterpret_cast<uintptr_t>(str) - base));
     }
 };
 
@@ -119,59 +148,19 @@ inline void push_free(memm_pooldesc *records, uint8_t *slot) {
 }
 
 // Walks buffer g from its first deleted record: releases every placeholder,
-// relinks the survivors and slides each run of live texts down.
-//
-// The walk follows the next links, one dependent load per record, and
-// records lie scattered over the record pool (slots are reused last
-// released first). So while it works through the front half, a second
-// chain of loads runs from the list's end back along the prev links,
-// noting the records it passes in the scratch space; once the walk reaches
-// them, it has them in cache and prefetches ahead from the notes. In the
-// front half a third chain, the lead, runs a few records ahead of the walk
-// along the next links, so the walk's own work does not wait for each
-// record to come in. The lead and the notes only bring records in: the walk
-// itself still goes by the next links, so a damaged list is walked (and
-// reported) exactly as without them. The lead reads only records that the
-// walk reads after it, and stops where the notes begin.
+// relinks the survivors, slides each run of live texts down and notes the
+// survivors' new places in the record map. It goes by the next links alone;
+// the map only brings records into the cache ahead of it.
 Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
-    constexpr size_t kAhead = 32;  // records prefetched ahead in the back half
-    constexpr uint32_t kLead = 12; // records the lead runs ahead of the walk
     Compaction w;
     memm_pooldesc *const records = records_of(pool);
     const RecordSlots slots(records);
-    dynstr **const notes = scratch_of(pool);
-    const size_t room = scratch_entries(pool->capacity);
-    size_t noted = 0;
-    dynstr *back = pool->buf_last[g]; // next record of the back chain
-    bool noting = true;
-    dynstr *lead = first_deleted;     // next record of the lead
-    uint32_t lead_by = 0;             // records the lead is ahead of the walk
+    Lookahead ahead(pool, g);
+    if (first_deleted)
+        ahead.start(first_deleted->str);
     dynstr *kept = first_deleted ? first_deleted->prev : nullptr; // last surviving record
     for (dynstr *cur = first_deleted; cur;) {
-        if (noted && cur == notes[noted - 1]) {
-            // In the noted back half: its records come back in list order.
-            noting = false;
-            noted--;
-            if (noted >= kAhead) {
-                // A record and its header may lie in two cache lines.
-                __builtin_prefetch(memm_detail::obj_to_slot(notes[noted - kAhead]));
-                __builtin_prefetch(&notes[noted - kAhead]->next);
-            }
-        } else if (noting) {
-            if (back && back != cur && noted < room && slots.in_use(back)) {
-                notes[noted++] = back;
-                back = back->prev;
-            } else {
-                noting = false;
-            }
-            // Two steps while the lead has not got far enough ahead, else one.
-            for (int step = 0; step < 2 && lead && lead != back && (step == 0 || lead_by < kLead); step++) {
-                lead = lead->next;
-                lead_by++;
-                if (lead)
-                    __builtin_prefetch(memm_detail::obj_to_slot(lead));
-            }
-        }
+        ahead.reach(cur->str);
         dynstr *next = cur->next; // read before cur's slot is released
         check_order(cur, next, g);
         const uint32_t size = size_of(cur);
@@ -206,17 +195,15 @@ Compaction compact(dynstr_pooldesc *pool, uint32_t g, dynstr *first_deleted) {
             w.src = cur->str;
             w.pending = size;
             cur->str -= w.shift;
+            ahead.moved(cur, cur->str);
             w.in_deleted_run = false;
         } else {
             kept = cur;
             w.pending += size;
             cur->str -= w.shift;
+            ahead.moved(cur, cur->str);
         }
         cur = next;
-        if (lead_by)
-            lead_by--;
-        else
-            lead = next; // the lead never falls behind the walk
     }
     if (w.dst && !w.in_deleted_run) {
         move_down(w.dst, w.src, w.pending);

@@ -39,6 +39,7 @@ void loc_merge_deleted_dynstr(dynstr_pooldesc *pool, dynstr *d, uint32_t k) {
             if (pool->buf_firstdel[k] == prev)
                 pool->buf_firstdel[k] = d;
             loc_dynstr_unlink(pool, prev->prev, prev, d, k);
+            note_text(pool, k, d);
         } else {
             loc_log("[DYNSTR] loc_merge_deleted_dynstr: non-successive dynstr (prev) - no merge");
         }

@@ -15,6 +15,7 @@
 
 #include "../memm/memm_private.h"
 #include "dynstr.h"
+#include "record_map.h"
 
 namespace dynstr_detail {
 
@@ -84,15 +85,6 @@ inline uint32_t loc_getbuffernr(const dynstr *d) {
         return kNoBuffer;
     }
     return is_buffered(d) ? DYNSTR_BNR(d->flags) : kNoBuffer;
-}
-
-// The collector's scratch space: room for the records of the back half of a
-// buffer's list, allocated behind buffer 0 when the pool is made, so a
-// collection allocates nothing and the pool one block less than it might.
-inline size_t scratch_offset(int32_t buffersize) { return (size_t(buffersize) + 7) & ~size_t(7); }
-inline size_t scratch_entries(uint32_t capacity) { return capacity / 2 + 1; }
-inline dynstr **scratch_of(const dynstr_pooldesc *pool) {
-    return reinterpret_cast<dynstr **>(pool->buf_base[0] + scratch_offset(pool->buffersize));
 }
 
 // The record pool of a string pool.
@@ -230,6 +222,7 @@ inline void loc_dynstr_claim(dynstr_pooldesc *pool, dynstr *d, uint32_t c, uint3
         pool->buf_count[c]++;
     }
     set_bnr(d, c);
+    note_text(pool, c, d);
 }
 
 // A write in progress: the record's pool, its maximum size and the

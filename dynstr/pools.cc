@@ -159,21 +159,14 @@ uint32_t dynstr_initpool2(const char *name, uint32_t count, int32_t total_bytes,
     pool->ctx_limit = capacity / uint32_t(buffers);
     pool->anchor = dynstr_calloc(poolid);
     pool->countptr = memm_get_currentcount_ptr(poolid, &pool->delcount, &pool->ctx_depleted);
+    // Each buffer carries the collector's record map behind it.
+    const size_t bytes = buffer_bytes(buffersize, buffers, capacity);
     for (int32_t k = 0; k < buffers; k++) {
-        // Buffer 0 carries the collector's scratch space.
-        size_t bytes = size_t(buffersize);
-        if (k == 0) {
-            const size_t entries = scratch_entries(capacity);
-            bytes = entries > (SIZE_MAX - scratch_offset(buffersize)) / sizeof(dynstr *)
-                        ? SIZE_MAX
-                        : scratch_offset(buffersize) + entries * sizeof(dynstr *);
-        }
-        pool->buf_base[k] = bytes == SIZE_MAX ? nullptr : static_cast<char *>(malloc(bytes));
+        pool->buf_base[k] = static_cast<char *>(calloc(1, bytes));
         if (!pool->buf_base[k]) {
             abandon_pool(pool, poolid);
             return MEMM_INVALID_POOL;
         }
-        memset(pool->buf_base[k], 0, size_t(buffersize));
     }
     return poolid;
 }

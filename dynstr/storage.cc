@@ -110,6 +110,7 @@ uint32_t loc_dynstr_detach(dynstr_pooldesc *pool, dynstr *d, dynstr **tmp) {
             d->next->prev = t;
         else
             pool->buf_last[k] = t;
+        note_text(pool, k, t);
     }
     *d = g_family.blank;
     *tmp = t;

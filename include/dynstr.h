@@ -184,6 +184,11 @@ MEMM_API uint32_t dynstr_init(uint32_t pool_count);                          /* 
  *    Allocation); without a string family, nothing is logged;
  *  - a record pool memm_initpool refuses (a taken name, for instance): its
  *    line, then "dynstring init failed".
+ * Each buffer is allocated with a map behind it that the collector uses to
+ * find records ahead of its walk: 4 bytes for every chunk of the buffer,
+ * chunks being a power of two of at least 32 bytes chosen so that all maps
+ * together hold no more entries than the pool has record slots (plus one
+ * per buffer).
  * When a string buffer cannot be allocated after the record pool exists,
  * the result is MEMM_INVALID_POOL too, nothing logged and nothing left
  * dangling: the record pool, which cannot be removed, stays registered as
